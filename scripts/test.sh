@@ -1,0 +1,29 @@
+#!/bin/bash
+# Builds and runs the test suite.
+#   scripts/test.sh          plain build (build/)
+#   scripts/test.sh asan     AddressSanitizer + UndefinedBehaviorSanitizer
+#   scripts/test.sh tsan     ThreadSanitizer, the thread and IPC tests
+set -euo pipefail
+cd "$(dirname "$0")/.."
+bash scripts/install-deps.sh
+
+kind=${1:-plain}
+jobs=$(nproc)
+case "$kind" in
+  plain)
+    dir=build; flags=""; filter=() ;;
+  asan)
+    dir=build-asan
+    flags="-fsanitize=address,undefined -fno-sanitize-recover=undefined -fno-omit-frame-pointer"
+    filter=() ;;
+  tsan)
+    dir=build-tsan; flags="-fsanitize=thread"
+    filter=(-R '^(PosixThread|PosixSemaphore|MsgQHandler|SysVSemaphoreMutex)') ;;
+  *) echo "unknown build kind: $kind" >&2; exit 2 ;;
+esac
+
+cmake -S . -B "$dir" -DCMAKE_BUILD_TYPE=RelWithDebInfo \
+  -DCMAKE_CXX_FLAGS="$flags" -DCMAKE_EXE_LINKER_FLAGS="$flags" \
+  -DCMAKE_SHARED_LINKER_FLAGS="$flags" >/dev/null
+cmake --build "$dir" -j "$jobs"
+ctest --test-dir "$dir" -j "$jobs" --output-on-failure "${filter[@]}"
