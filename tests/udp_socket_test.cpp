@@ -114,6 +114,20 @@ std::string Repeat(const std::string& line, int times) {
   return text;
 }
 
+std::string LinesStartingWith(const std::string& text,
+                              const std::string& prefix) {
+  std::string kept;
+  size_t start = 0;
+  while (start < text.size()) {
+    size_t end = text.find('\n', start);
+    end = end == std::string::npos ? text.size() : end + 1;
+    if (text.compare(start, prefix.size(), prefix) == 0)
+      kept += text.substr(start, end - start);
+    start = end;
+  }
+  return kept;
+}
+
 TEST(UdpSocket, InitBindsANonBlockingCloseOnExecSocket) {
   QEL_REQUIRE_SANDBOX();
   RunInSandbox([] {
@@ -187,7 +201,9 @@ TEST(UdpSocket, NoDescriptorLeftFailsThreeTimesWithSocketReport) {
     EXPECT_EQ(result, -1);
     EXPECT_EQ(error, EMFILE);
     EXPECT_EQ(server.get_fd(), -1);
-    EXPECT_EQ(capture.Take(),
+    // The sanitizers' runtime needs descriptors too and complains on the
+    // same stream when it finds none; only the library's lines count here.
+    EXPECT_EQ(LinesStartingWith(capture.Take(), "UdpSocket: "),
               Repeat("UdpSocket: socket: Too many open files\n", 3));
     // The failed state is left by another Init.
     EXPECT_EQ(server.Init(), 0);
