@@ -14,6 +14,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <functional>
 #include <string>
 
 #include <gtest/gtest.h>
@@ -114,6 +115,19 @@ std::string Repeat(const std::string& line, int times) {
   return text;
 }
 
+// Runs `body` in a private network namespace with a bound server "@service"
+// and a bound client "@client" of it.
+void WithServerAndClient(
+    const std::function<void(UdpServer&, UdpClient&)>& body) {
+  RunInSandbox([&body] {
+    UdpServer server("@service");
+    UdpClient client("@client", "@service");
+    ASSERT_EQ(server.Init(), 0);
+    ASSERT_EQ(client.Init(), 0);
+    body(server, client);
+  }, PrivateNames());
+}
+
 std::string LinesStartingWith(const std::string& text,
                               const std::string& prefix) {
   std::string kept;
@@ -212,17 +226,14 @@ TEST(UdpSocket, NoDescriptorLeftFailsThreeTimesWithSocketReport) {
 
 TEST(UdpSocket, RepeatedInitReleasesTheOldSocketFirst) {
   QEL_REQUIRE_SANDBOX();
-  RunInSandbox([] {
-    UdpServer server("@service");
-    UdpClient client("@client", "@service");
+  WithServerAndClient([](UdpServer& server, UdpClient& client) {
     StderrCapture capture;
-    ASSERT_EQ(server.Init(), 0);
-    ASSERT_EQ(server.Init(), 0);
-    ASSERT_EQ(client.Init(), 0);
+    EXPECT_EQ(server.Init(), 0);
+    EXPECT_EQ(client.Init(), 0);
     EXPECT_EQ(capture.Take(), "");
     EXPECT_EQ(Send(client, "after re-init"), 13);
     EXPECT_EQ(Receive(server), "after re-init");
-  }, PrivateNames());
+  });
 }
 
 TEST(UdpSocket, NamesAreFreeAgainAtOnceAfterDestruction) {
@@ -300,11 +311,7 @@ TEST(UdpSocket, WriteAndReadWithoutInitLeaveErrnoAlone) {
 
 TEST(UdpSocket, ReadWithNothingWaitingReturnsAtOnce) {
   QEL_REQUIRE_SANDBOX();
-  RunInSandbox([] {
-    UdpServer server("@service");
-    UdpClient client("@client", "@service");
-    ASSERT_EQ(server.Init(), 0);
-    ASSERT_EQ(client.Init(), 0);
+  WithServerAndClient([](UdpServer& server, UdpClient& client) {
     ExpectNothingWaiting(server);
     ExpectNothingWaiting(client);
     // Not waiting is a property of each call, not only of the descriptor.
@@ -312,16 +319,12 @@ TEST(UdpSocket, ReadWithNothingWaitingReturnsAtOnce) {
     ASSERT_EQ(fcntl(client.get_fd(), F_SETFL, 0), 0);
     ExpectNothingWaiting(server);
     ExpectNothingWaiting(client);
-  }, PrivateNames());
+  });
 }
 
 TEST(UdpSocket, WriteToAFullQueueFailsInsteadOfWaiting) {
   QEL_REQUIRE_SANDBOX();
-  RunInSandbox([] {
-    UdpServer server("@service");
-    UdpClient client("@client", "@service");
-    ASSERT_EQ(server.Init(), 0);
-    ASSERT_EQ(client.Init(), 0);
+  WithServerAndClient([](UdpServer& server, UdpClient& client) {
     ASSERT_EQ(fcntl(client.get_fd(), F_SETFL, 0), 0);
     int sent = 0;
     while (sent < 10000 && Send(client, "fill") == 4) ++sent;
@@ -330,7 +333,7 @@ TEST(UdpSocket, WriteToAFullQueueFailsInsteadOfWaiting) {
     EXPECT_LT(sent, 10000);
     for (int i = 0; i < sent; ++i) EXPECT_EQ(Receive(server), "fill");
     ExpectNothingWaiting(server);
-  }, PrivateNames());
+  });
 }
 
 TEST(UdpSocket, WriteToAGoneServerIsRefused) {
@@ -351,11 +354,7 @@ TEST(UdpSocket, WriteToAGoneServerIsRefused) {
 
 TEST(UdpSocket, DatagramsKeepTheirBoundariesAndLoseWhatDoesNotFit) {
   QEL_REQUIRE_SANDBOX();
-  RunInSandbox([] {
-    UdpServer server("@service");
-    UdpClient client("@client", "@service");
-    ASSERT_EQ(server.Init(), 0);
-    ASSERT_EQ(client.Init(), 0);
+  WithServerAndClient([](UdpServer& server, UdpClient& client) {
     EXPECT_EQ(Send(client, "abc"), 3);
     EXPECT_EQ(Send(client, ""), 0);
     EXPECT_EQ(Send(client, "defgh"), 5);
@@ -371,16 +370,12 @@ TEST(UdpSocket, DatagramsKeepTheirBoundariesAndLoseWhatDoesNotFit) {
     EXPECT_EQ(Receive(server, 100), large.substr(0, 100));
     EXPECT_EQ(Receive(server), "next");
     ExpectNothingWaiting(server);
-  }, PrivateNames());
+  });
 }
 
 TEST(UdpServer, ConversationWithAClient) {
   QEL_REQUIRE_SANDBOX();
-  RunInSandbox([] {
-    UdpServer server("@service");
-    UdpClient client("@client", "@service");
-    ASSERT_EQ(server.Init(), 0);
-    ASSERT_EQ(client.Init(), 0);
+  WithServerAndClient([](UdpServer& server, UdpClient& client) {
     for (const std::string request : {"status?", "version?"}) {
       EXPECT_EQ(Send(client, request), static_cast<int>(request.size()));
       pollfd ready = {server.get_fd(), POLLIN, 0};
@@ -390,16 +385,12 @@ TEST(UdpServer, ConversationWithAClient) {
                 static_cast<int>(request.size()) + 4);
       EXPECT_EQ(Receive(client), "re: " + request);
     }
-  }, PrivateNames());
+  });
 }
 
 TEST(UdpServer, WriteBeforeAnyDatagramArrivedSendsNothing) {
   QEL_REQUIRE_SANDBOX();
-  RunInSandbox([] {
-    UdpServer server("@service");
-    ASSERT_EQ(server.Init(), 0);
-    UdpClient client("@client", "@service");
-    ASSERT_EQ(client.Init(), 0);
+  WithServerAndClient([](UdpServer& server, UdpClient& client) {
     EXPECT_EQ(Send(server, "nobody"), -1);
     ExpectNothingWaiting(server);
     // A Read that received nothing taught the server no peer: nothing is
@@ -421,17 +412,13 @@ TEST(UdpServer, WriteBeforeAnyDatagramArrivedSendsNothing) {
     EXPECT_EQ(Send(server, "nobody"), -1);
     EXPECT_EQ(errno, EDOM);
     close(anonymous);
-  }, PrivateNames());
+  });
 }
 
 TEST(UdpServer, AnswersTheLastSender) {
   QEL_REQUIRE_SANDBOX();
-  RunInSandbox([] {
-    UdpServer server("@service");
-    UdpClient first("@first", "@service");
+  WithServerAndClient([](UdpServer& server, UdpClient& first) {
     UdpClient second("@second", "@service");
-    ASSERT_EQ(server.Init(), 0);
-    ASSERT_EQ(first.Init(), 0);
     ASSERT_EQ(second.Init(), 0);
     EXPECT_EQ(Send(first, "one"), 3);
     EXPECT_EQ(Receive(server), "one");
@@ -456,19 +443,15 @@ TEST(UdpServer, AnswersTheLastSender) {
     unsigned int fromLength = sizeof from;
     EXPECT_EQ(server.Read(buffer, sizeof buffer, &from, &fromLength), 5);
     EXPECT_EQ(fromLength, 110u);
-    const sockaddr_un expected = FullAbstractAddress("first");
+    const sockaddr_un expected = FullAbstractAddress("client");
     EXPECT_EQ(std::memcmp(&from, &expected, sizeof from), 0);
-  }, PrivateNames());
+  });
 }
 
 TEST(UdpClient, ReadRedirectsLaterWritesToTheSender) {
   QEL_REQUIRE_SANDBOX();
-  RunInSandbox([] {
-    UdpServer server("@service");
-    UdpClient client("@client", "@service");
+  WithServerAndClient([](UdpServer& server, UdpClient& client) {
     UdpClient intruder("@intruder", "@client");
-    ASSERT_EQ(server.Init(), 0);
-    ASSERT_EQ(client.Init(), 0);
     ASSERT_EQ(intruder.Init(), 0);
     EXPECT_EQ(Send(intruder, "from intruder"), 13);
     EXPECT_EQ(Receive(client), "from intruder");
@@ -476,7 +459,7 @@ TEST(UdpClient, ReadRedirectsLaterWritesToTheSender) {
     EXPECT_EQ(Send(client, "reply"), 5);
     EXPECT_EQ(Receive(intruder), "reply");
     ExpectNothingWaiting(server);
-  }, PrivateNames());
+  });
 }
 
 // A peer written by somebody else: Python's socket module, padding the name
