@@ -99,6 +99,16 @@ std::vector<unsigned char> ReadBytes(I2cAdapter& adapter, unsigned int count) {
 
 using Bytes = std::vector<unsigned char>;
 
+// Whether `call` returned false with errno `error`.
+template <typename Call>
+::testing::AssertionResult FailsWith(int error, Call call) {
+  errno = 0;
+  if (call()) return ::testing::AssertionFailure() << "it succeeded";
+  if (errno != error)
+    return ::testing::AssertionFailure() << "errno " << strerror(errno);
+  return ::testing::AssertionSuccess();
+}
+
 TEST(I2cAdapter, CreateOpensTheNumberedNodeReadWriteOnly) {
   QEL_ON_EMULATED_BUS();
   I2cAdapter adapter;
@@ -115,16 +125,13 @@ TEST(I2cAdapter, MissingAdapterLeavesNothingOpen) {
   QEL_ON_EMULATED_BUS();
   const std::string before = OpenDescriptors();
   I2cAdapter adapter;
-  errno = 0;
-  EXPECT_FALSE(adapter.Create(3));
-  EXPECT_EQ(errno, ENOENT);
+  EXPECT_TRUE(FailsWith(ENOENT, [&] { return adapter.Create(3); }));
   unsigned long functions = 0;
-  EXPECT_FALSE(adapter.GetCapabilities(functions));
-  EXPECT_EQ(errno, EBADF);
+  EXPECT_TRUE(
+      FailsWith(EBADF, [&] { return adapter.GetCapabilities(functions); }));
   // A failed Create also gives up the adapter held before.
   ASSERT_TRUE(adapter.Create(1));
-  EXPECT_FALSE(adapter.Create(4));
-  EXPECT_EQ(errno, ENOENT);
+  EXPECT_TRUE(FailsWith(ENOENT, [&] { return adapter.Create(4); }));
   EXPECT_EQ(OpenDescriptors(), before);
   EXPECT_EQ(TakeLog(),
             "open /dev/i2c-3 02\nopen /dev/i2c-1 02\nclose /dev/i2c-1\n"
@@ -137,11 +144,10 @@ TEST(I2cAdapter, NumberTooLongForThePathIsRefusedNotCut) {
   ASSERT_TRUE(adapter.Create(999999999));
   // Cut to 18 characters, "/dev/i2c-1000000000" would name the adapter
   // 100000000, which exists.
-  errno = 0;
-  EXPECT_FALSE(adapter.Create(1000000000));
-  EXPECT_EQ(errno, ENAMETOOLONG);
-  EXPECT_FALSE(adapter.Create(UINT_MAX));
-  EXPECT_EQ(errno, ENAMETOOLONG);
+  EXPECT_TRUE(
+      FailsWith(ENAMETOOLONG, [&] { return adapter.Create(1000000000); }));
+  EXPECT_TRUE(
+      FailsWith(ENAMETOOLONG, [&] { return adapter.Create(UINT_MAX); }));
   EXPECT_EQ(TakeLog(),
             "open /dev/i2c-999999999 02\nclose /dev/i2c-999999999\n");
 }
@@ -152,12 +158,9 @@ TEST(I2cAdapter, SlaveAddressRefusals) {
   ASSERT_TRUE(adapter.Create(0));
   EXPECT_TRUE(adapter.SetSlaveAddress(0x50));
   EXPECT_TRUE(adapter.SetSlaveAddress(0x7f));
-  errno = 0;
-  EXPECT_FALSE(adapter.SetSlaveAddress(0x36));  // held by a driver
-  EXPECT_EQ(errno, EBUSY);
-  errno = 0;
-  EXPECT_FALSE(adapter.SetSlaveAddress(0x80));
-  EXPECT_EQ(errno, EINVAL);
+  // 0x36 is held by a driver.
+  EXPECT_TRUE(FailsWith(EBUSY, [&] { return adapter.SetSlaveAddress(0x36); }));
+  EXPECT_TRUE(FailsWith(EINVAL, [&] { return adapter.SetSlaveAddress(0x80); }));
 }
 
 TEST(I2cAdapter, CapabilitiesAreTheAdaptersMask) {
@@ -216,13 +219,9 @@ TEST(I2cAdapter, UnacknowledgedTransfersFail) {
   ASSERT_TRUE(adapter.SetSlaveAddress(0x51));  // nothing there
   unsigned char buffer[4] = {9, 9, 9, 9};
   unsigned int length = 4;
-  errno = 0;
-  EXPECT_FALSE(adapter.Read(buffer, length));
-  EXPECT_EQ(errno, ENXIO);
+  EXPECT_TRUE(FailsWith(ENXIO, [&] { return adapter.Read(buffer, length); }));
   EXPECT_EQ(length, 4u);
-  errno = 0;
-  EXPECT_FALSE(adapter.Write(buffer, 4));
-  EXPECT_EQ(errno, ENXIO);
+  EXPECT_TRUE(FailsWith(ENXIO, [&] { return adapter.Write(buffer, 4); }));
 }
 
 TEST(I2cAdapter, CombinedTransferFillsTheReadMessages) {
@@ -245,9 +244,8 @@ TEST(I2cAdapter, CombinedTransferFillsTheReadMessages) {
   EXPECT_EQ(Bytes(temperature, temperature + 2), (Bytes{0x19, 0x80}));
 
   messages[2].addr = 0x49;  // nobody answers
-  errno = 0;
-  EXPECT_FALSE(adapter.ReadWrite(transfer));
-  EXPECT_EQ(errno, EREMOTEIO);
+  EXPECT_TRUE(
+      FailsWith(EREMOTEIO, [&] { return adapter.ReadWrite(transfer); }));
 }
 
 TEST(I2cAdapter, CombinedTransferLimits) {
@@ -259,16 +257,12 @@ TEST(I2cAdapter, CombinedTransferLimits) {
   i2c_rdwr_ioctl_data transfer{messages.data(), 42};
   EXPECT_TRUE(adapter.ReadWrite(transfer)) << strerror(errno);
   transfer.nmsgs = 43;
-  errno = 0;
-  EXPECT_FALSE(adapter.ReadWrite(transfer));
-  EXPECT_EQ(errno, EINVAL);
+  EXPECT_TRUE(FailsWith(EINVAL, [&] { return adapter.ReadWrite(transfer); }));
   transfer.nmsgs = 1;
   messages[0].len = 8192;
   EXPECT_TRUE(adapter.ReadWrite(transfer)) << strerror(errno);
   messages[0].len = 8193;
-  errno = 0;
-  EXPECT_FALSE(adapter.ReadWrite(transfer));
-  EXPECT_EQ(errno, EINVAL);
+  EXPECT_TRUE(FailsWith(EINVAL, [&] { return adapter.ReadWrite(transfer); }));
 }
 
 TEST(I2cAdapter, EachObjectKeepsItsOwnSlave) {
@@ -305,22 +299,14 @@ TEST(I2cAdapter, MisuseNeverReachesAnotherDescriptor) {
     int pipeEnds[2];
     ASSERT_EQ(pipe2(pipeEnds, O_NONBLOCK), 0);
     adapter.Destroy();  // must not close the pipe
-    errno = 0;
-    EXPECT_FALSE(adapter.Write(byte, 1));
-    EXPECT_EQ(errno, EBADF);
-    errno = 0;
-    EXPECT_FALSE(adapter.Read(buffer, length));
-    EXPECT_EQ(errno, EBADF);
+    EXPECT_TRUE(FailsWith(EBADF, [&] { return adapter.Write(byte, 1); }));
+    EXPECT_TRUE(FailsWith(EBADF, [&] { return adapter.Read(buffer, length); }));
     EXPECT_EQ(length, 1u);
-    errno = 0;
-    EXPECT_FALSE(adapter.SetSlaveAddress(0x50));
-    EXPECT_EQ(errno, EBADF);
-    errno = 0;
-    EXPECT_FALSE(adapter.GetCapabilities(functions));
-    EXPECT_EQ(errno, EBADF);
-    errno = 0;
-    EXPECT_FALSE(adapter.ReadWrite(transfer));
-    EXPECT_EQ(errno, EBADF);
+    EXPECT_TRUE(
+        FailsWith(EBADF, [&] { return adapter.SetSlaveAddress(0x50); }));
+    EXPECT_TRUE(
+        FailsWith(EBADF, [&] { return adapter.GetCapabilities(functions); }));
+    EXPECT_TRUE(FailsWith(EBADF, [&] { return adapter.ReadWrite(transfer); }));
     EXPECT_NE(fcntl(pipeEnds[0], F_GETFD), -1);
     EXPECT_NE(fcntl(pipeEnds[1], F_GETFD), -1);
     EXPECT_EQ(read(pipeEnds[0], buffer, 1), -1);  // nothing was written
@@ -331,9 +317,7 @@ TEST(I2cAdapter, MisuseNeverReachesAnotherDescriptor) {
   }
   {
     I2cAdapter unused;  // never created: its destructor closes nothing
-    errno = 0;
-    EXPECT_FALSE(unused.Write(byte, 1));
-    EXPECT_EQ(errno, EBADF);
+    EXPECT_TRUE(FailsWith(EBADF, [&] { return unused.Write(byte, 1); }));
   }
   EXPECT_EQ(OpenDescriptors(), before);
   EXPECT_EQ(TakeLog(),

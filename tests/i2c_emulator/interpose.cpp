@@ -229,69 +229,59 @@ mode_t ModeArgument(int flags, va_list arguments) {
 
 using namespace i2c_emulator;
 
-#define QEL_OPEN_BODY(next_call)                 \
-  unsigned number;                               \
-  if (AdapterNumber(path, number))               \
-    return OpenAdapterNode(number, path, flags); \
-  return next_call;
+// The open family: a "/dev/i2c-<n>" path opens an emulated adapter,
+// anything else goes on to the next definition.
+#define QEL_CHECK_ADAPTER_PATH() \
+  unsigned number;               \
+  if (AdapterNumber(path, number)) return OpenAdapterNode(number, path, flags);
+
+#define QEL_DEFINE_OPEN(name)                                       \
+  int name(const char* path, int flags, ...) {                      \
+    va_list arguments;                                              \
+    va_start(arguments, flags);                                     \
+    mode_t mode = ModeArgument(flags, arguments);                   \
+    va_end(arguments);                                              \
+    QEL_CHECK_ADAPTER_PATH()                                        \
+    static auto next = Next<int (*)(const char*, int, ...)>(#name); \
+    return next(path, flags, mode);                                 \
+  }
+
+#define QEL_DEFINE_OPENAT(name)                                          \
+  int name(int directory, const char* path, int flags, ...) {            \
+    va_list arguments;                                                   \
+    va_start(arguments, flags);                                          \
+    mode_t mode = ModeArgument(flags, arguments);                        \
+    va_end(arguments);                                                   \
+    QEL_CHECK_ADAPTER_PATH()                                             \
+    static auto next = Next<int (*)(int, const char*, int, ...)>(#name); \
+    return next(directory, path, flags, mode);                           \
+  }
+
+// The checked variants that fortified programs call.
+#define QEL_DEFINE_OPEN_2(name)                                \
+  int name(const char* path, int flags) {                      \
+    QEL_CHECK_ADAPTER_PATH()                                   \
+    static auto next = Next<int (*)(const char*, int)>(#name); \
+    return next(path, flags);                                  \
+  }
+
+#define QEL_DEFINE_OPENAT_2(name)                                   \
+  int name(int directory, const char* path, int flags) {            \
+    QEL_CHECK_ADAPTER_PATH()                                        \
+    static auto next = Next<int (*)(int, const char*, int)>(#name); \
+    return next(directory, path, flags);                            \
+  }
 
 extern "C" {
 
-int open(const char* path, int flags, ...) {
-  va_list arguments;
-  va_start(arguments, flags);
-  mode_t mode = ModeArgument(flags, arguments);
-  va_end(arguments);
-  static auto next = Next<int (*)(const char*, int, ...)>("open");
-  QEL_OPEN_BODY(next(path, flags, mode))
-}
-
-int open64(const char* path, int flags, ...) {
-  va_list arguments;
-  va_start(arguments, flags);
-  mode_t mode = ModeArgument(flags, arguments);
-  va_end(arguments);
-  static auto next = Next<int (*)(const char*, int, ...)>("open64");
-  QEL_OPEN_BODY(next(path, flags, mode))
-}
-
-int openat(int directory, const char* path, int flags, ...) {
-  va_list arguments;
-  va_start(arguments, flags);
-  mode_t mode = ModeArgument(flags, arguments);
-  va_end(arguments);
-  static auto next = Next<int (*)(int, const char*, int, ...)>("openat");
-  QEL_OPEN_BODY(next(directory, path, flags, mode))
-}
-
-int openat64(int directory, const char* path, int flags, ...) {
-  va_list arguments;
-  va_start(arguments, flags);
-  mode_t mode = ModeArgument(flags, arguments);
-  va_end(arguments);
-  static auto next = Next<int (*)(int, const char*, int, ...)>("openat64");
-  QEL_OPEN_BODY(next(directory, path, flags, mode))
-}
-
-int __open_2(const char* path, int flags) {
-  static auto next = Next<int (*)(const char*, int)>("__open_2");
-  QEL_OPEN_BODY(next(path, flags))
-}
-
-int __open64_2(const char* path, int flags) {
-  static auto next = Next<int (*)(const char*, int)>("__open64_2");
-  QEL_OPEN_BODY(next(path, flags))
-}
-
-int __openat_2(int directory, const char* path, int flags) {
-  static auto next = Next<int (*)(int, const char*, int)>("__openat_2");
-  QEL_OPEN_BODY(next(directory, path, flags))
-}
-
-int __openat64_2(int directory, const char* path, int flags) {
-  static auto next = Next<int (*)(int, const char*, int)>("__openat64_2");
-  QEL_OPEN_BODY(next(directory, path, flags))
-}
+QEL_DEFINE_OPEN(open)
+QEL_DEFINE_OPEN(open64)
+QEL_DEFINE_OPENAT(openat)
+QEL_DEFINE_OPENAT(openat64)
+QEL_DEFINE_OPEN_2(__open_2)
+QEL_DEFINE_OPEN_2(__open64_2)
+QEL_DEFINE_OPENAT_2(__openat_2)
+QEL_DEFINE_OPENAT_2(__openat64_2)
 
 int close(int fd) {
   pthread_mutex_lock(&g_lock);
