@@ -30,6 +30,9 @@ if [ "${1:-}" = "--inside" ]; then
 
   export QEL_RPMB_IMAGE=$fixtures/rpmb.img
   preload=$build/tests/rpmb_emulator/rpmb_emulator.so
+  # A sanitizer build wants its runtime first among the preloaded objects.
+  asan=$(ldd "$build/tools/qel-devinfo" | awk '/libasan/ { print $3 }')
+  preload=${asan:+$asan:}$preload
   for args in "" --json; do
     echo "\$ qel-devinfo $args"
     LD_PRELOAD=$preload "$build/tools/qel-devinfo" $args

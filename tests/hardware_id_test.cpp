@@ -5,6 +5,7 @@
 #include <zlib.h>
 
 #include <string>
+#include <utility>
 #include <vector>
 
 #include <gtest/gtest.h>
@@ -37,6 +38,17 @@ RpmbDevice DeviceWith(const std::string& block0) {
   RpmbDevice device;
   device.image = block0 + std::string(256, '\x55');
   return device;
+}
+
+using Logged = std::vector<std::pair<int, std::string>>;
+
+// The syslog lines, priority and text, in order.
+void ExpectLogged(const std::vector<SyslogLine>& lines, const Logged& expected) {
+  ASSERT_EQ(lines.size(), expected.size());
+  for (size_t i = 0; i < lines.size(); ++i) {
+    EXPECT_EQ(lines[i].priority, expected[i].first) << i;
+    EXPECT_EQ(lines[i].message, expected[i].second) << i;
+  }
 }
 
 struct Query {
@@ -104,9 +116,7 @@ TEST(HardwareId, BadRecords) {
     EXPECT_EQ(query.hwid, "3 []\n");
     EXPECT_EQ(query.deviceId, "2 []\n");
     EXPECT_EQ(query.err, "# Failed to get HW ID: invalid CRC\n");
-    ASSERT_EQ(query.syslog.size(), 1u);
-    EXPECT_EQ(query.syslog[0].priority, kUserErr);
-    EXPECT_EQ(query.syslog[0].message, "HWID: invalid ID, err 3");
+    ExpectLogged(query.syslog, {{kUserErr, "HWID: invalid ID, err 3"}});
 
     // One byte behind the text changed after the CRC was made.
     std::string record = Record("HWID=A1B2C3");
@@ -117,9 +127,7 @@ TEST(HardwareId, BadRecords) {
     EXPECT_EQ(query.hwid, "10 []\n");
     EXPECT_EQ(query.deviceId, "2 []\n");
     EXPECT_EQ(query.err, "");
-    ASSERT_EQ(query.syslog.size(), 1u);
-    EXPECT_EQ(query.syslog[0].priority, kUserErr);
-    EXPECT_EQ(query.syslog[0].message, "HWID: invalid ID, err 10");
+    ExpectLogged(query.syslog, {{kUserErr, "HWID: invalid ID, err 10"}});
   });
 }
 
@@ -136,18 +144,17 @@ TEST(HardwareId, DeviceFailures) {
         "# Failed to read data: internal error 'No authentication Key' "
         "[ID_IO]\n";
     EXPECT_EQ(query.err, noKey);
-    ASSERT_EQ(query.syslog.size(), 2u);
-    EXPECT_EQ(query.syslog[0].priority, kUserErr);
-    EXPECT_EQ(query.syslog[0].message, noKey);
-    EXPECT_EQ(query.syslog[1].priority, kUserWarning);
-    EXPECT_EQ(query.syslog[1].message, "HWID: not initialized");
+    ExpectLogged(query.syslog, {{kUserErr, noKey},
+                                {kUserWarning, "HWID: not initialized"}});
 
     device.results = "0x0006";
     query = Ask(syslog, device);
     EXPECT_EQ(query.hwid, "2 []\n");
     EXPECT_EQ(query.deviceId, "2 []\n");
-    ASSERT_EQ(query.syslog.size(), 2u);
-    EXPECT_EQ(query.syslog[1].message, "HWID: invalid ID, err 2");
+    ExpectLogged(query.syslog,
+                 {{kUserErr, "# Failed to read data: internal error 'Read "
+                             "failure' [ID_IO]\n"},
+                  {kUserErr, "HWID: invalid ID, err 2"}});
 
     device.present = false;
     query = Ask(syslog, device);
@@ -156,11 +163,8 @@ TEST(HardwareId, DeviceFailures) {
     const std::string noDevice =
         "# Failed to read data: invalid device fd [ID_IO]\n";
     EXPECT_EQ(query.err, noDevice);
-    ASSERT_EQ(query.syslog.size(), 2u);
-    EXPECT_EQ(query.syslog[0].priority, kUserErr);
-    EXPECT_EQ(query.syslog[0].message, noDevice);
-    EXPECT_EQ(query.syslog[1].priority, kUserErr);
-    EXPECT_EQ(query.syslog[1].message, "HWID: invalid ID, err 2");
+    ExpectLogged(query.syslog, {{kUserErr, noDevice},
+                                {kUserErr, "HWID: invalid ID, err 2"}});
   });
 }
 
@@ -177,14 +181,9 @@ TEST(HardwareId, FailedIoctl) {
     EXPECT_EQ(qel_util::system::GetDeviceID(), "");
     const std::string failed = "# Failed to read data: error -1 [ID_IO]\n";
     EXPECT_EQ(err.Take(), failed + failed);
-    auto lines = syslog.Take(4);
-    ASSERT_EQ(lines.size(), 4u);
-    for (int i : {0, 2}) {
-      EXPECT_EQ(lines[i].priority, kUserErr);
-      EXPECT_EQ(lines[i].message, failed);
-      EXPECT_EQ(lines[i + 1].priority, kUserErr);
-      EXPECT_EQ(lines[i + 1].message, "HWID: invalid ID, err 2");
-    }
+    const std::string logged = "HWID: invalid ID, err 2";
+    ExpectLogged(syslog.Take(4), {{kUserErr, failed}, {kUserErr, logged},
+                                  {kUserErr, failed}, {kUserErr, logged}});
     closelog();  // the library logs through the process's connection
   });
 }
