@@ -1,3 +1,7 @@
+#include "system/text.h"
+
+#include <cctype>
+
 #include "qel_util/system.h"
 
 namespace qel_util {
@@ -19,6 +23,13 @@ std::string GetKeyValue(const std::string& text, const std::string& key,
   size_t begin = at + key.size();
   size_t end = text.find_first_of(endChars, begin);
   return text.substr(begin, end == std::string::npos ? end : end - begin);
+}
+
+void EraseTrailingSpace(std::string& text) {
+  size_t end = text.size();
+  while (end > 0 && std::isspace(static_cast<unsigned char>(text[end - 1])))
+    --end;
+  text.erase(end);
 }
 
 }  // namespace system

@@ -1,0 +1,81 @@
+#include <fcntl.h>
+#include <unistd.h>
+
+#include "qel_util/system.h"
+#include "system/barcode.h"
+#include "system/kernel_cmdline.h"
+
+namespace qel_util {
+namespace system {
+
+namespace {
+
+// The boot loader keeps its environment on the eMMC's first boot partition,
+// which the kernel holds read-only. Released for the tool's run only, and set
+// again on every way out, an exception from exec included.
+class BootPartitionWritable {
+ public:
+  BootPartitionWritable() { WriteToFile(kSwitch, "0"); }
+  ~BootPartitionWritable() { WriteToFile(kSwitch, "1"); }
+  BootPartitionWritable(const BootPartitionWritable&) = delete;
+  BootPartitionWritable& operator=(const BootPartitionWritable&) = delete;
+
+ private:
+  static constexpr const char* kSwitch = "/sys/block/mmcblk0boot0/force_ro";
+};
+
+}  // namespace
+
+std::string GetCmdlineBarcode() {
+  return BarcodeFromCmdline(ReadKernelCmdline());
+}
+
+std::string ParseBarcodeASN(int* keyNumber, const std::string& newAsn,
+                            std::string& newBarcode) {
+  return ParseBarcodeASN(GetCmdlineBarcode(), keyNumber, newAsn, newBarcode);
+}
+
+std::string GetBarcode() { return KeyedBarcode(GetCmdlineBarcode()); }
+
+std::string GetBarcodeASN(int* keyNumber) {
+  std::string unused;
+  return ParseBarcodeASN(keyNumber, "", unused);
+}
+
+bool SetBarcodeASN(const std::string& asn) {
+  const std::string trimmed = TrimSpace(asn);
+  if (trimmed.size() < kMinAsnLength || trimmed.size() > kMaxAsnLength)
+    return false;
+  std::string barcode;
+  ParseBarcodeASN(nullptr, trimmed, barcode);
+  if (barcode.empty()) return false;
+  // The barcode goes to the shell between single quotes: a quote in it, from
+  // the new ASN or from the kernel's barcode, would end the argument and
+  // hand the rest to the shell as commands.
+  if (barcode.find('\'') != std::string::npos) return false;
+
+  const std::string command = std::string("/sbin/fw_") + "set" + "env " +
+                              "barcode '" + barcode + "'";
+  std::string output;
+  {
+    BootPartitionWritable writable;
+    exec(command.c_str(), output);
+  }
+  // The tool's exit status says nothing reliable on the device; its "OK"
+  // does.
+  return output.find("OK") != std::string::npos;
+}
+
+bool WriteToFile(const std::string& path, const std::string& text) {
+  // Never created nor truncated: a missing switch means a device without
+  // that partition. Close-on-exec keeps it from tools other threads start.
+  const int fd = open(path.c_str(), O_WRONLY | O_CLOEXEC);
+  if (fd < 0) return false;
+  const ssize_t written = write(fd, text.data(), text.size());
+  static_cast<void>(written);
+  close(fd);
+  return true;
+}
+
+}  // namespace system
+}  // namespace qel_util
