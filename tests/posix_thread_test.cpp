@@ -7,7 +7,6 @@
 #include <sched.h>
 #include <signal.h>
 #include <sys/resource.h>
-#include <sys/syscall.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -19,6 +18,7 @@
 #include <gtest/gtest.h>
 
 #include "qel_util/ipc.h"
+#include "support/privilege.h"
 #include "support/sandbox.h"
 #include "support/stderr_capture.h"
 
@@ -58,12 +58,7 @@ bool Eventually(const std::atomic<bool>& flag) {
 // Root keeps CAP_SYS_NICE whatever RLIMIT_RTPRIO says: drop both, as an
 // unprivileged service would run.
 void DropRealTimePrivilege() {
-  __user_cap_header_struct header{_LINUX_CAPABILITY_VERSION_3, 0};
-  __user_cap_data_struct caps[_LINUX_CAPABILITY_U32S_3] = {};
-  ASSERT_EQ(syscall(SYS_capget, &header, caps), 0);
-  caps[CAP_TO_INDEX(CAP_SYS_NICE)].effective &= ~CAP_TO_MASK(CAP_SYS_NICE);
-  caps[CAP_TO_INDEX(CAP_SYS_NICE)].permitted &= ~CAP_TO_MASK(CAP_SYS_NICE);
-  ASSERT_EQ(syscall(SYS_capset, &header, caps), 0);
+  ASSERT_TRUE(qel_test::DropCapability(CAP_SYS_NICE));
   rlimit none{0, 0};
   ASSERT_EQ(setrlimit(RLIMIT_RTPRIO, &none), 0);
 }
