@@ -31,10 +31,11 @@ bool TextSize(unsigned short length, size_t* size) {
 // messages as its byte limit) is waited on with cancellation allowed again,
 // so that destroying the handler never hangs on it.
 void Requeue(int msqId, TypeOnly* message) {
-  int state = PTHREAD_CANCEL_ENABLE;
-  pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &state);
+  // The watcher always runs with cancellation enabled (its thread's start
+  // routine set it), so that is the state to go back to.
+  pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, nullptr);
   int sent = msgsnd(msqId, message, 0, IPC_NOWAIT);
-  pthread_setcancelstate(state, nullptr);
+  pthread_setcancelstate(PTHREAD_CANCEL_ENABLE, nullptr);
   while (sent != 0 && (errno == EAGAIN || errno == EINTR))
     sent = msgsnd(msqId, message, 0, 0);
 }
@@ -70,18 +71,21 @@ cMsgQHandler::~cMsgQHandler() {
 
 void cMsgQHandler::m_checkMsgQ(void* self) {
   auto* handler = static_cast<cMsgQHandler*>(self);
+  // Nothing of this frame whose address is taken lives on the stack: the
+  // frame is left by cancellation, not by a return, and stack bookkeeping
+  // that expects a return (sanitizer red zones) would be left behind.
+  static thread_local TypeOnly probe;
+  static const char kAnnouncement = 0;
   while (handler->m_running.load()) {
     // A zero-size receive fails with E2BIG on a message with text and leaves
     // it queued: the sign that something waits, without copying it.
-    TypeOnly probe{};
     ssize_t taken =
         msgrcv(handler->m_msqId, &probe, 0, handler->m_msgType, 0);
     if (taken < 0 && errno != E2BIG) continue;
     // An empty message fits into the probe and is taken; it goes back to the
     // end of the queue, where rx finds it behind the ones that were waiting.
     if (taken == 0) Requeue(handler->m_msqId, &probe);
-    const char announcement = 0;
-    while (write(handler->m_notifyPipe[1], &announcement, 1) < 0 &&
+    while (write(handler->m_notifyPipe[1], &kAnnouncement, 1) < 0 &&
            errno == EINTR) {
     }
     while (handler->m_watcherSemaphore.wait() != 0 && errno == EINTR) {
