@@ -2,6 +2,7 @@
 // cancellation that ends a blocked thread, the exact failure reports of the
 // scheduling constructor, and no thread left behind.
 
+#include <dirent.h>
 #include <linux/capability.h>
 #include <pthread.h>
 #include <sched.h>
@@ -30,10 +31,21 @@ using qel_test::StderrCapture;
 using std::chrono::milliseconds;
 
 int TaskCount() {
-  std::string out;
-  qel_test::Shell("ls /proc/" + std::to_string(getpid()) + "/task | wc -l",
-                  &out);
-  return std::stoi(out);
+  int count = 0;
+  if (DIR* tasks = opendir("/proc/self/task")) {
+    while (dirent* entry = readdir(tasks))
+      if (entry->d_name[0] != '.') ++count;
+    closedir(tasks);
+  }
+  return count;
+}
+
+// The threads of this process before a test's own: a first thread lets a
+// runtime that starts a helper thread of its own on first use (sanitizers)
+// do so now, not in the middle of the count.
+int BaselineTaskCount() {
+  std::thread([] {}).join();
+  return TaskCount();
 }
 
 // A joined thread leaves /proc a moment after pthread_join returns.
@@ -154,7 +166,7 @@ TEST(PosixThread, NullFunctionEndsAtOnceAndIsJoinedQuietly) {
   QEL_REQUIRE_SANDBOX();
   RunInSandbox([] {
     StderrCapture err;
-    const int before = TaskCount();
+    const int before = BaselineTaskCount();
     {
       cPosixThread thread(nullptr, nullptr);
       EXPECT_TRUE(thread.IsStarted());
@@ -168,7 +180,7 @@ TEST(PosixThread, DestructorCancelsThreadBlockedInWait) {
   QEL_REQUIRE_SANDBOX();
   RunInSandbox([] {
     StderrCapture err;
-    const int before = TaskCount();
+    const int before = BaselineTaskCount();
     cPosixSemaphore never(0);
     Waiter waiter{&never};
     {
@@ -245,7 +257,7 @@ TEST(PosixThread, RealTimePolicyWithoutPrivilegeReportsCreationFailure) {
     DropRealTimePrivilege();
     StderrCapture err;
     std::atomic<bool> ran{false};
-    const int before = TaskCount();
+    const int before = BaselineTaskCount();
     {
       cPosixThread thread(MustNotRun, &ran, 10, SCHED_FIFO);
       EXPECT_FALSE(thread.IsStarted());
@@ -262,7 +274,7 @@ TEST(PosixThread, PriorityOutsideThePolicyRangeCreatesNoThread) {
   RunInSandbox([] {
     StderrCapture err;
     std::atomic<bool> ran{false};
-    const int before = TaskCount();
+    const int before = BaselineTaskCount();
     {
       cPosixThread thread(MustNotRun, &ran, 5, SCHED_OTHER);
       EXPECT_FALSE(thread.IsStarted());
