@@ -100,14 +100,19 @@ int cMsgQHandler::tx(void* message, unsigned short length, int flags) {
 }
 
 int cMsgQHandler::rx(void* message, unsigned short length, int flags) {
-  clearNotifyPipe();
   size_t size;
   ssize_t taken = -1;
   if (TextSize(length, &size))
     taken = msgrcv(m_msqId, message, size, m_msgType, flags);
+  // While messages are taken the watcher stays parked and writes nothing, so
+  // the announcement is left in the pipe: the descriptor stays readable as
+  // long as the queue may hold more, and a drain costs no system call per
+  // message.
   if (taken > 0) return 0;
   // Nothing with text was taken (no message, one too long for the buffer,
-  // an empty one, or an error): the watcher may look again.
+  // an empty one, or an error). The pipe is emptied before the watcher may
+  // look again, so that its next announcement is not swallowed.
+  clearNotifyPipe();
   m_watcherSemaphore.signal();
   return 1;
 }
