@@ -29,8 +29,8 @@ using std::chrono::milliseconds;
 
 constexpr int kKey = 0x5E4A;
 
-// A child process that takes the lock and holds it until killed or until
-// the parent closes `release`. Returns its pid once it holds the lock.
+// A child process that takes the lock and holds it until it is killed or
+// the holder object goes away. Constructed once the child holds the lock.
 class Holder {
  public:
   Holder() {
