@@ -22,7 +22,9 @@ set(CMAKE_CXX_COMPILER ${QEL_ARMHF_TRIPLET}-g++)
 
 # Libraries, headers and packages come from the target's root only; programs
 # (cmake helpers, pkg-config, the emulator) from the build machine.
-set(CMAKE_FIND_ROOT_PATH ${QEL_ARMHF_SYSROOT})
+# Appended, so that a build can add its own staging roots with
+# -DCMAKE_FIND_ROOT_PATH.
+list(APPEND CMAKE_FIND_ROOT_PATH ${QEL_ARMHF_SYSROOT})
 set(CMAKE_FIND_ROOT_PATH_MODE_PROGRAM NEVER)
 set(CMAKE_FIND_ROOT_PATH_MODE_LIBRARY ONLY)
 set(CMAKE_FIND_ROOT_PATH_MODE_INCLUDE ONLY)
