@@ -8,7 +8,7 @@
 # headers include/qel_util/*.h do not declare (an internal helper that lost
 # its hidden visibility). Names that are new and declared are shown; record
 # them with --update. Instantiations of the standard library's templates
-# (std::, weak) belong to every object that uses them and are not listed.
+# (weak) belong to every object that uses them and are not listed.
 # NM names the nm to use (a cross build's own).
 set -euo pipefail
 library=${1:?shared library}
@@ -17,9 +17,16 @@ list=$source_dir/abi/qel_util.symbols
 nm=${NM:-nm}
 export LC_ALL=C
 
-exported=$("$nm" -D --defined-only -C "$library" | cut -d' ' -f3- |
-  grep -v -e '^std::' -e '^\(typeinfo\|typeinfo name\|vtable\|VTT\) for std::' \
-          -e '^\(_init\|_fini\|__bss_start\|_edata\|_end\)$' | sort -u)
+# Weak symbols that mention the standard library and are not the library's
+# own are template instantiations; the linker's own markers are no names.
+exported=$("$nm" -D --defined-only -C "$library" | cut -d' ' -f2- | awk '
+  { type = $1; name = substr($0, length(type) + 2)
+    own = name
+    sub(/^(typeinfo name|typeinfo|vtable|VTT|guard variable) for /, "", own)
+    if (type ~ /^[WVu]$/ && own !~ /^qel_util::/ &&
+        name ~ /(std|__gnu_cxx)::/) next
+    if (name ~ /^(_init|_fini|__bss_start|_edata|_end)$/) next
+    print name }' | sort -u)
 
 if [ "${2:-}" = "--update" ]; then
   printf '%s\n' "$exported" > "$list"
