@@ -16,7 +16,11 @@ status=0
 ctest --test-dir "$dir" -j "$jobs" --output-on-failure || status=$?
 
 # gtest prints the reason right after "Skipped"; ctest keeps every output.
-awk '/^[0-9]+\/[0-9]+ Testing: /  { name = $3 }
-     /: Skipped$/                  { getline why; print "skipped: " name ": " why }' \
-  "$dir/Testing/Temporary/LastTest.log" | sort
+awk '/^[0-9]+\/[0-9]+ Testing: / { name = $3; total++ }
+     /: Skipped$/ { getline why; skipped++
+                    print "armhf: skipped " name ": " why | "sort" }
+     END { close("sort")
+           printf "armhf: %d tests, %d run, %d skipped\n", total,
+                  total - skipped, skipped }' \
+  "$dir/Testing/Temporary/LastTest.log"
 exit "$status"
