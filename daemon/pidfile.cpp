@@ -1,0 +1,79 @@
+// Guarding and publishing the pid file.
+
+#include <signal.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+
+#include "daemon/instance.h"
+
+namespace qel_util {
+
+int Daemon::CheckPidFile(const char* path, int& pid) {
+  pid = 0;
+  struct stat st;
+  if (stat(path, &st) != 0) {
+    if (errno == ENOENT) return 1;
+    debug(QEL_HERE, "Failed to stat pidfile '%s': %s.", path,
+          std::strerror(errno));
+    return -1;
+  }
+  if (!S_ISREG(st.st_mode)) {
+    debug(QEL_HERE, "Pidfile '%s' is not a regular file.", path);
+    return -1;
+  }
+  if (FILE* file = std::fopen(path, "r")) {
+    unsigned int number = 0;
+    if (std::fscanf(file, "%u", &number) == 1) pid = static_cast<int>(number);
+    std::fclose(file);
+  } else {
+    debug(QEL_HERE, "Failed to open pidfile '%s': %s.", path,
+          std::strerror(errno));
+  }
+  if (pid == 0) {
+    debug(QEL_HERE, "Failed to read pid from '%s'.", path);
+    return -1;
+  }
+  // Above INT_MAX no process can have it: nothing alive is named.
+  if (pid < 0) return 1;
+  if (kill(pid, 0) == 0) return 0;
+  if (errno == ESRCH) return 1;
+  debug(QEL_HERE, "Failed to test for process %u defined in pidfile '%s': %s",
+        static_cast<unsigned int>(pid), path, std::strerror(errno));
+  return -1;
+}
+
+void DaemonImpl::checkPidfileOrShutdown() {
+  if (m_pidfile == nullptr) return;
+  int pid = 0;
+  int result = Daemon::CheckPidFile(m_pidfile, pid);
+  if (result < 0) std::exit(1);
+  if (result == 0) {
+    Daemon::debug(QEL_HERE,
+                  "Quitting because process %u defined in pidfile '%s' is "
+                  "already running.",
+                  static_cast<unsigned int>(pid), m_pidfile);
+    std::exit(1);
+  }
+}
+
+void DaemonImpl::writePidfile() {
+  if (m_pidfile == nullptr) return;
+  if (FILE* file = std::fopen(m_pidfile, "w")) {
+    int written = std::fprintf(file, "%u\n", static_cast<unsigned int>(getpid()));
+    int closed = std::fclose(file);
+    if (written >= 0 && closed == 0) {
+      m_pidfileWritten = true;
+      return;
+    }
+  }
+  if (!m_pidfileWritten)
+    Daemon::debug(QEL_HERE, "Failed to write pidfile '%s': %s.", m_pidfile,
+                  std::strerror(errno));
+}
+
+}  // namespace qel_util
