@@ -103,7 +103,9 @@ void SubreaperSandbox(const std::function<void()>& body) {
   SandboxOptions options;
   options.pid = !TargetEmulator().empty();
   RunInSandbox([&] {
-    if (!options.pid) ASSERT_EQ(prctl(PR_SET_CHILD_SUBREAPER, 1), 0);
+    if (!options.pid) {
+      ASSERT_EQ(prctl(PR_SET_CHILD_SUBREAPER, 1), 0);
+    }
     body();
   }, options);
 }
