@@ -2,7 +2,9 @@
 
 #include <unistd.h>
 
+#include <climits>
 #include <cstdlib>
+#include <cstring>
 #include <vector>
 
 namespace qel_test {
@@ -21,6 +23,12 @@ void ExecTargetProgram(const char* path, char* const argv[]) {
     execv(path, argv);
     return;
   }
+  // A new emulator process would find itself behind "/proc/self/exe"; the
+  // emulator answers readlink with the program it runs.
+  char self[PATH_MAX] = {};
+  if (std::strcmp(path, "/proc/self/exe") == 0 &&
+      readlink(path, self, sizeof self - 1) > 0)
+    path = self;
   // The wrapper hands "-0 <name>" to qemu, which gives it to the program as
   // argv[0].
   std::vector<char*> args{const_cast<char*>(emulator.c_str()),

@@ -15,8 +15,9 @@ namespace qel_test {
 // The command that runs a program built for the target; "" natively.
 const std::string& TargetEmulator();
 
-// execv of a helper program built with the tests, through the emulator when
-// there is one; argv[0] stays the program's name. Returns only on failure.
+// execv of a helper program built with the tests (or of "/proc/self/exe"),
+// through the emulator when there is one; argv[0] stays the program's name.
+// Returns only on failure.
 void ExecTargetProgram(const char* path, char* const argv[]);
 
 // Skips the current test under an emulator, saying what it cannot do there.
