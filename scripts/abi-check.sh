@@ -18,7 +18,8 @@ nm=${NM:-nm}
 export LC_ALL=C
 
 # Weak symbols that mention the standard library and are not the library's
-# own are template instantiations; the linker's own markers are no names.
+# own are template instantiations; the linker's own markers and the
+# sanitizers' (one-definition indicators of exported data) are no names.
 exported=$("$nm" -D --defined-only -C "$library" | cut -d' ' -f2- | awk '
   { type = $1; name = substr($0, length(type) + 2)
     own = name
@@ -26,6 +27,7 @@ exported=$("$nm" -D --defined-only -C "$library" | cut -d' ' -f2- | awk '
     if (type ~ /^[WVu]$/ && own !~ /^qel_util::/ &&
         name ~ /(std|__gnu_cxx)::/) next
     if (name ~ /^(_init|_fini|__bss_start|_edata|_end)$/) next
+    if (name ~ /^_+(odr_asan|asan|tsan|ubsan|sancov)/) next
     print name }' | sort -u)
 
 if [ "${2:-}" = "--update" ]; then
