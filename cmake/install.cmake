@@ -23,6 +23,11 @@ install(FILES ${CMAKE_CURRENT_BINARY_DIR}/qel_utilConfig.cmake
 if(QEL_UTIL_STATIC)
   set(QEL_UTIL_PC_CFLAGS "-DQEL_UTIL_STATIC")
 endif()
+# The prefix is found from the file's own place, so an unpacked package or a
+# copy of the install tree in a scratch or staging root works as it is.
+file(RELATIVE_PATH QEL_UTIL_PC_TO_PREFIX
+  ${CMAKE_INSTALL_FULL_LIBDIR}/pkgconfig ${CMAKE_INSTALL_PREFIX})
+string(REGEX REPLACE "/$" "" QEL_UTIL_PC_TO_PREFIX "${QEL_UTIL_PC_TO_PREFIX}")
 configure_file(cmake/qel_util.pc.in ${CMAKE_CURRENT_BINARY_DIR}/qel_util.pc
   @ONLY)
 install(FILES ${CMAKE_CURRENT_BINARY_DIR}/qel_util.pc

@@ -6,7 +6,7 @@ set -euo pipefail
 
 packages=(
   build-essential cmake pkg-config
-  libgtest-dev libgmock-dev libbenchmark-dev
+  libgtest-dev libgmock-dev googletest libbenchmark-dev
   clang libclang-rt-14-dev
   iproute2 util-linux socat python3 dpkg-dev
   zlib1g-dev mmc-utils i2c-tools libubootenv-tool

@@ -41,7 +41,15 @@ std::string EnterNamespaces(const SandboxOptions& options) {
   const gid_t gid = getegid();
   if (uid != 0) {
     // A non-root developer gets root inside a user namespace of its own.
-    if (unshare(CLONE_NEWUSER) != 0) return Failed("unshare(CLONE_NEWUSER)");
+    if (unshare(CLONE_NEWUSER) != 0) {
+      // The kernel refuses a user namespace to a process with more than one
+      // thread; under qemu-user the emulator's own threads are always there.
+      if (errno == EINVAL)
+        return Failed("unshare(CLONE_NEWUSER)") +
+               " (the process is not single-threaded, e.g. under qemu-user;"
+               " run as root)";
+      return Failed("unshare(CLONE_NEWUSER)");
+    }
     WriteWhole("/proc/self/setgroups", "deny");
     if (!WriteWhole("/proc/self/uid_map", "0 " + std::to_string(uid) + " 1"))
       return Failed("uid_map");

@@ -1,0 +1,96 @@
+#!/bin/bash
+# Takes the library the way a service project does and builds a small
+# program (tests/consumer/project) against it twice, with
+# find_package(qel_util) and with pkg-config, then runs both.
+#   scripts/consumer-test.sh install  BUILD_DIR
+#       from `cmake --install` of the build into a scratch prefix
+#   scripts/consumer-test.sh packages BUILD_DIR
+#       from the runtime and -dev Debian packages of the build (cpack),
+#       unpacked with dpkg -x into a scratch root
+# The program is built like the library was: CXX, CXXFLAGS and LDFLAGS from
+# the environment; QEL_TOOLCHAIN_FILE for a cross build, whose programs run
+# through QEL_EMULATOR.
+set -euo pipefail
+mode=${1:?install or packages}
+build=$(cd "${2:?build directory}" && pwd)
+source_dir=$(cd "$(dirname "$0")/.." && pwd)
+project=$source_dir/tests/consumer/project
+scratch=$(mktemp -d "${TMPDIR:-/tmp}/qel-consumer.XXXXXX")
+trap 'rm -rf "$scratch"' EXIT
+cxx=${CXX:-c++}
+read -r -a cxxflags <<< "${CXXFLAGS:-}"
+read -r -a ldflags <<< "${LDFLAGS:-}"
+read -r -a emulator <<< "${QEL_EMULATOR:-}"
+toolchain=${QEL_TOOLCHAIN_FILE:-}
+
+fail() { echo "consumer-test: $*" >&2; exit 1; }
+
+case $mode in
+  install)
+    root=$scratch/prefix
+    cmake --install "$build" --prefix "$root" >/dev/null
+    prefix=$root ;;
+  packages)
+    (cd "$build" && cpack -G DEB -B "$scratch/packages" >"$scratch/cpack.log" 2>&1) ||
+      { cat "$scratch/cpack.log" >&2; fail "cpack failed"; }
+    root=$scratch/root
+    debs=("$scratch"/packages/*.deb)
+    [ ${#debs[@]} -eq 2 ] || fail "expected two packages: ${debs[*]}"
+    for deb in "${debs[@]}"; do
+      name=$(dpkg-deb -f "$deb" Package)
+      case $name in
+        libqel-util[0-9]*)
+          # The runtime package holds the library under its SONAME, and
+          # its name carries the SONAME's version.
+          soname=$(dpkg-deb -c "$deb" |
+                   grep -o 'libqel_util\.so\.[0-9]* -> ' | cut -d' ' -f1)
+          [ "$soname" = "libqel_util.so.${name#libqel-util}" ] ||
+            fail "$name does not hold libqel_util.so.${name#libqel-util}"
+          ! dpkg-deb -c "$deb" | grep -q 'libqel_util\.so -> ' ||
+            fail "$name holds the development link" ;;
+        libqel-util-dev) ;;
+        *) fail "unexpected package $name" ;;
+      esac
+      dpkg -x "$deb" "$root"
+    done
+    prefix=$root/usr ;;
+  *) fail "unknown mode $mode" ;;
+esac
+
+pcfile=$(find "$prefix" -name qel_util.pc)
+library=$(find "$prefix" -name 'libqel_util.so.*.*' -type f)
+[ -n "$pcfile" ] && [ -n "$library" ] || fail "incomplete install in $prefix"
+libdir=$(dirname "$library")
+
+run() {
+  local out
+  out=$(LD_LIBRARY_PATH=$libdir "${emulator[@]}" "$1")
+  [ "$out" = "cbf43926 qel" ] || fail "$1 printed '$out'"
+}
+
+# find_package, through CMAKE_PREFIX_PATH; a cross build searches below its
+# root paths only, so the scratch tree becomes one of them.
+cmake_args=(-DCMAKE_BUILD_TYPE=RelWithDebInfo)
+if [ -n "$toolchain" ]; then
+  cmake_args+=(-DCMAKE_TOOLCHAIN_FILE="$toolchain"
+               -DCMAKE_FIND_ROOT_PATH="$prefix" -DCMAKE_PREFIX_PATH=/)
+else
+  cmake_args+=(-DCMAKE_PREFIX_PATH="$prefix")
+fi
+CXX=$cxx cmake -S "$project" -B "$scratch/cmake" "${cmake_args[@]}" >/dev/null
+cmake --build "$scratch/cmake" >/dev/null
+run "$scratch/cmake/consumer"
+
+# pkg-config: the file finds its prefix from its own place ...
+pc() { PKG_CONFIG_LIBDIR=$(dirname "$pcfile") pkg-config "$@" qel_util; }
+read -r -a pcflags <<< "$(pc --cflags --libs)"
+"$cxx" -std=c++17 "${cxxflags[@]}" "$project/consumer.cpp" "${pcflags[@]}" \
+  "${ldflags[@]}" -o "$scratch/consumer-pc"
+run "$scratch/consumer-pc"
+# ... and a staging root given as the sysroot is not added twice.
+read -r -a sysrootflags <<< "$(PKG_CONFIG_SYSROOT_DIR=$root pc --cflags --libs)"
+[ "${sysrootflags[*]}" = "${pcflags[*]}" ] ||
+  fail "pkg-config with PKG_CONFIG_SYSROOT_DIR gives other flags"
+[ -f "$(pc --variable=includedir)/qel_util/qel_util.h" ] ||
+  fail "pkg-config's includedir holds no headers"
+echo "consumer-test: $mode: find_package and pkg-config builds run"
