@@ -8,6 +8,7 @@
 #include <string>
 #include <vector>
 
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include "qel_util/system.h"
@@ -17,6 +18,7 @@
 
 namespace {
 
+using ::testing::ThrowsMessage;
 using qel_test::MountFile;
 using qel_test::MountScript;
 using qel_test::ReadFile;
@@ -399,12 +401,8 @@ TEST(SetBarcodeASN, SetsTheSwitchAgainWhenTheToolCannotStart) {
     {
       // Room for the switch's descriptor but not for popen's pipe.
       qel_test::DescriptorLimit limit(1);
-      try {
-        SetBarcodeASN("B987654321");
-        ADD_FAILURE() << "SetBarcodeASN did not throw";
-      } catch (const std::runtime_error& e) {
-        EXPECT_STREQ(e.what(), "popen() failed!");
-      }
+      EXPECT_THAT([] { SetBarcodeASN("B987654321"); },
+                  ThrowsMessage<std::runtime_error>("popen() failed!"));
     }
     EXPECT_EQ(ReadFile(kSwitch), "1xyz");
     EXPECT_FALSE(Exists(kArgs));

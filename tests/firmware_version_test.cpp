@@ -3,6 +3,7 @@
 #include <stdexcept>
 #include <string>
 
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include "qel_util/system.h"
@@ -11,6 +12,7 @@
 
 namespace {
 
+using ::testing::ThrowsMessage;
 using qel_test::MountScript;
 using qel_test::RunInSandbox;
 using qel_util::system::fwVersionString;
@@ -69,12 +71,8 @@ TEST(FwVersionString, ThrowsWhenTheScriptCannotStart) {
   RunInSandbox([] {
     ASSERT_TRUE(MountScript(kScript, "echo 1.0\n"));
     qel_test::DescriptorLimit limit(0);
-    try {
-      fwVersionString();
-      ADD_FAILURE() << "fwVersionString did not throw";
-    } catch (const std::runtime_error& e) {
-      EXPECT_STREQ(e.what(), "popen() failed!");
-    }
+    EXPECT_THAT([] { fwVersionString(); },
+                ThrowsMessage<std::runtime_error>("popen() failed!"));
   });
 }
 

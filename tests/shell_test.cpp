@@ -6,6 +6,7 @@
 #include <stdexcept>
 #include <string>
 
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include "qel_util/system.h"
@@ -15,6 +16,7 @@
 
 namespace {
 
+using ::testing::ThrowsMessage;
 using qel_test::MountFile;
 using qel_test::RunInSandbox;
 using qel_test::ScratchPath;
@@ -189,12 +191,8 @@ TEST(Exec, ThrowsWhenTheCommandCannotStart) {
     std::string output = "stale";
     {
       qel_test::DescriptorLimit limit(1);  // no room for a pipe
-      try {
-        exec("echo never", output);
-        ADD_FAILURE() << "exec did not throw";
-      } catch (const std::runtime_error& e) {
-        EXPECT_STREQ(e.what(), "popen() failed!");
-      }
+      EXPECT_THAT([&] { exec("echo never", output); },
+                  ThrowsMessage<std::runtime_error>("popen() failed!"));
     }
     EXPECT_EQ(output, "");
     EXPECT_EQ(exec("echo again"), "again\n");

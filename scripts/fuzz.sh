@@ -1,0 +1,24 @@
+#!/bin/bash
+# Builds the fuzz targets with clang in build-fuzz/ and runs each for a
+# bounded time (seconds per target, default 30). A finding stops the script
+# with the fuzzer's report and leaves the crashing input in build-fuzz/.
+#   scripts/fuzz.sh [seconds]
+set -euo pipefail
+cd "$(dirname "$0")/.."
+bash scripts/install-deps.sh
+
+seconds=${1:-30}
+fuzzers=(barcode_fuzzer key_value_fuzzer)
+
+CC=clang CXX=clang++ cmake -S . -B build-fuzz -DCMAKE_BUILD_TYPE=RelWithDebInfo \
+  -DQEL_UTIL_BUILD_EXAMPLES=OFF >/dev/null
+cmake --build build-fuzz -j 2 --target "${fuzzers[@]}"
+
+for fuzzer in "${fuzzers[@]}"; do
+  name=${fuzzer%_fuzzer}
+  corpus=build-fuzz/corpus/$name
+  mkdir -p "$corpus"
+  echo "fuzzing $name for ${seconds}s"
+  (cd build-fuzz && "tests/fuzz/$fuzzer" -max_total_time="$seconds" \
+    -print_final_stats=1 "corpus/$name" "../tests/fuzz/seeds/$name")
+done
