@@ -1,7 +1,6 @@
 // Tagged lines, debug lines and syslog messages, seen on a private /dev/log
 // and on a captured standard error.
 
-#include <fcntl.h>
 #include <syslog.h>
 #include <unistd.h>
 
@@ -11,36 +10,13 @@
 
 #include "qel_util/daemon.h"
 #include "support/sandbox.h"
+#include "support/stderr_capture.h"
 #include "support/syslog_capture.h"
 
 namespace qel_test {
 namespace {
 
 using qel_util::Daemon;
-
-// Standard error sent to a scratch file while the object lives.
-class StderrCapture {
- public:
-  StderrCapture() : m_saved(dup(2)) {
-    int fd = open("/mnt/stderr", O_WRONLY | O_CREAT | O_TRUNC, 0644);
-    dup2(fd, 2);
-    close(fd);
-  }
-  ~StderrCapture() { Restore(); }
-  std::string Text() {
-    Restore();
-    return ReadFile("/mnt/stderr");
-  }
-
- private:
-  void Restore() {
-    if (m_saved < 0) return;
-    dup2(m_saved, 2);
-    close(m_saved);
-    m_saved = -1;
-  }
-  int m_saved;
-};
 
 TEST(Logging, TaggedLineGoesToSyslogAndStderrUnchanged) {
   QEL_REQUIRE_SANDBOX();
