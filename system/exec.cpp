@@ -11,10 +11,10 @@ namespace system {
 
 void exec(const char* command, std::string& output) {
   output.clear();
-  std::shared_ptr<FILE> pipe(popen(command, "r"), [](FILE* stream) {
-    if (stream != nullptr) pclose(stream);
-  });
-  if (!pipe) throw std::runtime_error("popen() failed!");
+  FILE* stream = popen(command, "r");
+  if (stream == nullptr) throw std::runtime_error("popen() failed!");
+  // Closed on every way out, also when an append throws.
+  std::shared_ptr<FILE> pipe(stream, pclose);
   char buffer[128];
   while (!std::feof(pipe.get())) {
     // A chunk is taken up to its first zero byte: the rest of that chunk is

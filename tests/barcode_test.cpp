@@ -398,12 +398,12 @@ TEST(SetBarcodeASN, SetsTheSwitchAgainWhenTheToolCannotStart) {
   QEL_REQUIRE_SANDBOX();
   RunInSandbox([] {
     SetUpDevice("barcode=ASN=A123456789 quiet\n");
-    {
-      // Room for the switch's descriptor but not for popen's pipe.
-      qel_test::DescriptorLimit limit(1);
-      EXPECT_THAT([] { SetBarcodeASN("B987654321"); },
-                  ThrowsMessage<std::runtime_error>("popen() failed!"));
-    }
+    // Room for the switch's descriptor but not for popen's pipe.
+    auto thrown = qel_test::ThrownWithDescriptorLimit(
+        1, [] { SetBarcodeASN("B987654321"); });
+    ASSERT_TRUE(thrown);
+    EXPECT_THAT([&] { std::rethrow_exception(thrown); },
+                ThrowsMessage<std::runtime_error>("popen() failed!"));
     EXPECT_EQ(ReadFile(kSwitch), "1xyz");
     EXPECT_FALSE(Exists(kArgs));
     EXPECT_EQ(Stored(), "OLD\n");

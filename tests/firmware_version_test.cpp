@@ -70,8 +70,9 @@ TEST(FwVersionString, ThrowsWhenTheScriptCannotStart) {
   QEL_REQUIRE_SANDBOX();
   RunInSandbox([] {
     ASSERT_TRUE(MountScript(kScript, "echo 1.0\n"));
-    qel_test::DescriptorLimit limit(0);
-    EXPECT_THAT([] { fwVersionString(); },
+    auto thrown = qel_test::ThrownWithDescriptorLimit(0, [] { fwVersionString(); });
+    ASSERT_TRUE(thrown);
+    EXPECT_THAT([&] { std::rethrow_exception(thrown); },
                 ThrowsMessage<std::runtime_error>("popen() failed!"));
   });
 }

@@ -189,11 +189,12 @@ TEST(Exec, ThrowsWhenTheCommandCannotStart) {
   QEL_REQUIRE_SANDBOX();
   RunInSandbox([] {
     std::string output = "stale";
-    {
-      qel_test::DescriptorLimit limit(1);  // no room for a pipe
-      EXPECT_THAT([&] { exec("echo never", output); },
-                  ThrowsMessage<std::runtime_error>("popen() failed!"));
-    }
+    // No room for a pipe.
+    auto thrown = qel_test::ThrownWithDescriptorLimit(
+        1, [&] { exec("echo never", output); });
+    ASSERT_TRUE(thrown);
+    EXPECT_THAT([&] { std::rethrow_exception(thrown); },
+                ThrowsMessage<std::runtime_error>("popen() failed!"));
     EXPECT_EQ(output, "");
     EXPECT_EQ(exec("echo again"), "again\n");
   });

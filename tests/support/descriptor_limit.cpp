@@ -22,4 +22,15 @@ DescriptorLimit::DescriptorLimit(unsigned freeSlots) {
 
 DescriptorLimit::~DescriptorLimit() { setrlimit(RLIMIT_NOFILE, &m_saved); }
 
+std::exception_ptr ThrownWithDescriptorLimit(unsigned freeSlots,
+                                             const std::function<void()>& call) {
+  DescriptorLimit limit(freeSlots);
+  try {
+    call();
+  } catch (...) {
+    return std::current_exception();
+  }
+  return nullptr;
+}
+
 }  // namespace qel_test

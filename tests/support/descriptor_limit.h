@@ -3,6 +3,9 @@
 
 #include <sys/resource.h>
 
+#include <exception>
+#include <functional>
+
 namespace qel_test {
 
 // Lowers RLIMIT_NOFILE so that exactly `freeSlots` more descriptors can be
@@ -19,6 +22,12 @@ class DescriptorLimit {
  private:
   rlimit m_saved{};
 };
+
+// Runs `call` with only `freeSlots` descriptors to spare and returns what it
+// threw (null when nothing). Examine the exception after this returns: the
+// sanitizer runtimes need descriptors of their own for their checks.
+std::exception_ptr ThrownWithDescriptorLimit(unsigned freeSlots,
+                                             const std::function<void()>& call);
 
 }  // namespace qel_test
 
