@@ -18,11 +18,10 @@ struct TypeOnly {
 };
 
 // The queue counts text only; the caller's length includes the type field.
-// False when the length cannot even hold the type field.
-bool TextSize(unsigned short length, size_t* size) {
-  if (length < sizeof(long)) return false;
-  *size = length - sizeof(long);
-  return true;
+// A length below the type field wraps to a size the kernel refuses with
+// EINVAL, so such a call sends or takes nothing.
+size_t TextSize(unsigned short length) {
+  return static_cast<size_t>(length) - sizeof(long);
 }
 
 // Puts back an empty message the watcher's probe had to take. Cancellation
@@ -48,7 +47,8 @@ cMsgQHandler::cMsgQHandler(int key, long msgType)
       m_msgType(msgType),
       m_watcherSemaphore(0),
       m_watcher(nullptr),
-      m_running(true) {
+      m_running(true),
+      m_unreadNotifications(0) {
   m_msqId = msgget(key, IPC_CREAT | 0666);
   if (m_msqId == -1) std::fputs("msgget error\n", stderr);
   if (pipe(m_notifyPipe) != 0) {
@@ -85,34 +85,33 @@ void cMsgQHandler::m_checkMsgQ(void* self) {
     // An empty message fits into the probe and is taken; it goes back to the
     // end of the queue, where rx finds it behind the ones that were waiting.
     if (taken == 0) Requeue(handler->m_msqId, &probe);
-    while (write(handler->m_notifyPipe[1], &kAnnouncement, 1) < 0 &&
-           errno == EINTR) {
-    }
+    // Counted before it is written, so that the count never falls behind
+    // what the pipe holds.
+    handler->m_unreadNotifications.fetch_add(1);
+    ssize_t written;
+    do {
+      written = write(handler->m_notifyPipe[1], &kAnnouncement, 1);
+    } while (written < 0 && errno == EINTR);
+    if (written != 1) handler->m_unreadNotifications.fetch_sub(1);
     while (handler->m_watcherSemaphore.wait() != 0 && errno == EINTR) {
     }
   }
 }
 
 int cMsgQHandler::tx(void* message, unsigned short length, int flags) {
-  size_t size;
-  if (TextSize(length, &size)) msgsnd(m_msqId, message, size, flags);
+  msgsnd(m_msqId, message, TextSize(length), flags);
   return 0;
 }
 
 int cMsgQHandler::rx(void* message, unsigned short length, int flags) {
-  size_t size;
-  ssize_t taken = -1;
-  if (TextSize(length, &size))
-    taken = msgrcv(m_msqId, message, size, m_msgType, flags);
-  // While messages are taken the watcher stays parked and writes nothing, so
-  // the announcement is left in the pipe: the descriptor stays readable as
-  // long as the queue may hold more, and a drain costs no system call per
-  // message.
-  if (taken > 0) return 0;
-  // Nothing with text was taken (no message, one too long for the buffer,
-  // an empty one, or an error). The pipe is emptied before the watcher may
-  // look again, so that its next announcement is not swallowed.
+  // The announcement that led here is consumed first: the descriptor then
+  // stays quiet while the queue is drained, until the watcher announces
+  // again after the call that takes nothing.
   clearNotifyPipe();
+  if (msgrcv(m_msqId, message, TextSize(length), m_msgType, flags) > 0)
+    return 0;
+  // Nothing with text was taken (no message, one too long for the buffer,
+  // an empty one, or an error): the watcher may look again.
   m_watcherSemaphore.signal();
   return 1;
 }
@@ -134,6 +133,9 @@ bool cMsgQHandler::clear() {
 }
 
 void cMsgQHandler::clearNotifyPipe() {
+  // Nothing announced since the last drain means nothing in the pipe: a
+  // drain on every rx then costs no system call while a burst is taken.
+  if (m_unreadNotifications.load() <= 0) return;
   // FIONREAD on our own pipe fails only when there is no pipe (pipe() failed
   // at construction): then there is nothing to drain, and reading blindly on
   // a blocking descriptor could hang the consumer.
@@ -141,18 +143,17 @@ void cMsgQHandler::clearNotifyPipe() {
   if (ioctl(m_notifyPipe[0], FIONREAD, &pending) != 0) return;
   // Only this thread reads the pipe, so the counted bytes are there and no
   // read blocks; never ask for more than were counted.
-  char sink[64];
+  char sink;
   while (pending > 0) {
-    size_t want = pending < static_cast<int>(sizeof sink)
-                      ? static_cast<size_t>(pending)
-                      : sizeof sink;
-    ssize_t got = read(m_notifyPipe[0], sink, want);
-    if (got > 0)
-      pending -= static_cast<int>(got);
-    else if (got < 0 && errno == EINTR)
+    ssize_t got = read(m_notifyPipe[0], &sink, 1);
+    if (got == 1) {
+      --pending;
+      m_unreadNotifications.fetch_sub(1);
+    } else if (got < 0 && errno == EINTR) {
       continue;
-    else
+    } else {
       break;
+    }
   }
 }
 

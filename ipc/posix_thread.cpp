@@ -92,8 +92,10 @@ cPosixThread::~cPosixThread() {
   // A thread that never passed the handshake is already joined or was never
   // created; its pthread_t must not be touched.
   if (!m_started.load()) return;
+  // pthread_cancel returns its error instead of setting errno; a failure is
+  // reported when errno is set at that moment, with the returned cause.
   int failed = pthread_cancel(m_thread);
-  if (failed != 0) {
+  if (failed != 0 && errno != 0) {
     errno = failed;
     std::perror("thread cancelation failed");
   }

@@ -31,13 +31,13 @@ int UdpSocket::Init() {
     m_fd = -1;
   }
   for (int attempt = 0; attempt < kBindAttempts; ++attempt) {
-    m_fd = socket(AF_UNIX, SOCK_DGRAM, 0);
+    // Commands the service runs through the shell must not inherit the
+    // socket: a child outliving a restarted service would hold the name. Set
+    // at creation, so that no other thread's fork can slip in before it.
+    m_fd = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
     if (m_fd < 0) {
       perror("UdpSocket: socket");
     } else {
-      // Commands the service runs through the shell must not inherit the
-      // socket: a child outliving a restarted service would hold the name.
-      fcntl(m_fd, F_SETFD, FD_CLOEXEC);
       m_address = AbstractAddress(m_name);
       if (bind(m_fd, reinterpret_cast<const sockaddr*>(&m_address),
                kAbstractAddressLength) == 0) {

@@ -68,8 +68,8 @@ bool SetBarcodeASN(const std::string& asn) {
 
 bool WriteToFile(const std::string& path, const std::string& text) {
   // Never created nor truncated: a missing switch means a device without
-  // that partition. Close-on-exec keeps it from tools other threads start.
-  const int fd = open(path.c_str(), O_WRONLY | O_CLOEXEC);
+  // that partition.
+  const int fd = open(path.c_str(), O_WRONLY);
   if (fd < 0) return false;
   const ssize_t written = write(fd, text.data(), text.size());
   static_cast<void>(written);

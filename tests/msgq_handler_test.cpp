@@ -10,6 +10,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <chrono>
 #include <cstring>
 #include <string>
@@ -118,12 +119,13 @@ TEST(MsgQHandler, ThreeMessagesAreAnnouncedByOneByteAndDrainedUntilOne) {
     cMsgQHandler handler(kKey, 1);
     ASSERT_TRUE(Readable(handler.get_fd(), 2000));
     EXPECT_EQ(SettledPipeBytes(handler.get_fd(), 1), 1);
-    // The announcement stays while messages are taken: the descriptor is
-    // readable until rx has found the queue empty.
+    // The first rx consumes the announcement; the parked watcher announces
+    // nothing more while the rest is taken.
     EXPECT_EQ(Receive(handler), "a");
+    EXPECT_EQ(PipeBytes(handler.get_fd()), 0);
     EXPECT_EQ(Receive(handler), "bb");
     EXPECT_EQ(Receive(handler), "ccc");
-    EXPECT_EQ(PipeBytes(handler.get_fd()), 1);
+    EXPECT_EQ(PipeBytes(handler.get_fd()), 0);
     Message message{};
     EXPECT_EQ(handler.rx(&message, sizeof message, IPC_NOWAIT), 1);
     EXPECT_EQ(PipeBytes(handler.get_fd()), 0);
@@ -365,6 +367,21 @@ TEST(MsgQHandlerFailure, WithoutAPipeMessagesStillFlow) {
       handler.clearNotifyPipe();
     }
     ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &saved), 0);
+  });
+}
+
+TEST(MsgQHandler, LengthsBelowTheTypeFieldAreRefusedByTheKernel) {
+  QEL_REQUIRE_SANDBOX();
+  RunInSandbox([] {
+    cMsgQHandler handler(kKey, 1);
+    Message message = Make(1, "x");
+    errno = 0;
+    EXPECT_EQ(handler.tx(&message, sizeof(long) - 1, 0), 0);
+    EXPECT_EQ(errno, EINVAL);
+    errno = 0;
+    EXPECT_EQ(handler.rx(&message, 0, IPC_NOWAIT), 1);
+    EXPECT_EQ(errno, EINVAL);
+    EXPECT_EQ(Queued(kKey), 0);
   });
 }
 

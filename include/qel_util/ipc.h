@@ -107,6 +107,9 @@ class QEL_UTIL_EXPORT cMsgQHandler {
   cPosixSemaphore m_watcherSemaphore;
   cPosixThread* m_watcher;
   std::atomic<bool> m_running;
+  // Notification bytes the watcher has written (or is about to) and the
+  // consumer has not read yet: while 0 the pipe is known to be empty.
+  std::atomic<int> m_unreadNotifications;
 };
 
 // Mutual exclusion between processes on a one-semaphore System V set named
