@@ -1,7 +1,9 @@
 // CRC-32 against the published check values and against zlib's crc32 on
-// random data.
+// random data (when the build has zlib for the target).
 
+#if QEL_TEST_HAVE_ZLIB
 #include <zlib.h>
+#endif
 
 #include <cstdint>
 #include <random>
@@ -15,10 +17,24 @@ namespace {
 
 using qel_util::Crc32;
 
+#if QEL_TEST_HAVE_ZLIB
+constexpr bool kHaveZlib = true;
+
 unsigned int Reference(const std::vector<uint8_t>& bytes) {
   return static_cast<unsigned int>(
       crc32(0L, bytes.data(), static_cast<uInt>(bytes.size())));
 }
+#else
+constexpr bool kHaveZlib = false;
+
+unsigned int Reference(const std::vector<uint8_t>&) { return 0; }
+#endif
+
+#define QEL_REQUIRE_ZLIB()                                      \
+  do {                                                          \
+    if (!kHaveZlib)                                             \
+      GTEST_SKIP() << "no zlib for this target to compare with"; \
+  } while (0)
 
 TEST(Crc32, EmptyBufferIsZeroWithoutReadingThePointer) {
   EXPECT_EQ(Crc32(nullptr, 0), 0x00000000u);
@@ -39,6 +55,7 @@ TEST(Crc32, CheckValues) {
 }
 
 TEST(Crc32, MatchesZlibOnRandomBuffers) {
+  QEL_REQUIRE_ZLIB();
   std::mt19937 random(20240611);
   std::uniform_int_distribution<int> byte(0, 255);
   std::vector<size_t> lengths;
@@ -65,13 +82,16 @@ TEST(Crc32, SeesEveryBitAndPosition) {
     for (int bit = 0; bit < 8; ++bit) {
       buffer[i] ^= static_cast<uint8_t>(1u << bit);
       EXPECT_NE(Crc32(buffer.data(), 64), base) << i << ":" << bit;
-      EXPECT_EQ(Crc32(buffer.data(), 64), Reference(buffer));
+      if (kHaveZlib) {
+        EXPECT_EQ(Crc32(buffer.data(), 64), Reference(buffer));
+      }
       buffer[i] ^= static_cast<uint8_t>(1u << bit);
     }
   }
 }
 
 TEST(Crc32, UnalignedStartsAgreeWithZlib) {
+  QEL_REQUIRE_ZLIB();
   std::vector<uint8_t> buffer(1000);
   for (size_t i = 0; i < buffer.size(); ++i)
     buffer[i] = static_cast<uint8_t>(i * 7 + 3);

@@ -2,8 +2,8 @@
 // probe program, and the NOHWID flag of the kernel command line.
 
 #include <syslog.h>
-#include <zlib.h>
 
+#include <cstdint>
 #include <string>
 #include <utility>
 #include <vector>
@@ -21,13 +21,24 @@ namespace {
 constexpr int kUserErr = LOG_USER | LOG_ERR;
 constexpr int kUserWarning = LOG_USER | LOG_WARNING;
 
+// CRC-32 (reflected, polynomial 0xEDB88320) one bit at a time: slow, but it
+// shares nothing with the library's table-driven one.
+uint32_t BitwiseCrc32(const std::string& bytes) {
+  uint32_t crc = 0xFFFFFFFFu;
+  for (const unsigned char byte : bytes) {
+    crc ^= byte;
+    for (int bit = 0; bit < 8; ++bit)
+      crc = (crc >> 1) ^ (0xEDB88320u & (0u - (crc & 1u)));
+  }
+  return ~crc;
+}
+
 // A 256-byte record holding `text` (zero-padded) behind its little-endian
 // CRC-32.
 std::string Record(const std::string& text) {
   std::string body = text;
   body.resize(252, '\0');
-  const uLong crc = crc32(0L, reinterpret_cast<const Bytef*>(body.data()),
-                          static_cast<uInt>(body.size()));
+  const uint32_t crc = BitwiseCrc32(body);
   std::string record;
   for (int shift = 0; shift < 32; shift += 8)
     record += static_cast<char>(crc >> shift);

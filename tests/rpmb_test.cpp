@@ -19,6 +19,7 @@
 #include "qel_util/system.h"
 #include "support/sandbox.h"
 #include "support/syslog_capture.h"
+#include "support/target.h"
 #include "tests/rpmb_emulator/emulated_rpmb.h"
 
 namespace qel_test {
@@ -156,7 +157,10 @@ TEST(RpmbReader, ChecksArgumentsBeforeTheIoctl) {
     EXPECT_TRUE(AllZero(responses));
     errno = 0;
     EXPECT_EQ(mmc.RunCommand(&read, responses), -1);
-    EXPECT_EQ(errno, ENOTTY);
+    // qemu-user answers an ioctl it does not know with ENOSYS itself.
+    if (TargetEmulator().empty()) {
+      EXPECT_EQ(errno, ENOTTY);
+    }
 
     SyslogCapture syslog;
     StderrCapture err;
@@ -206,6 +210,8 @@ TEST(RpmbReader, ReadsBlocksInOneIoctl) {
 }
 
 TEST(RpmbReader, MmcUtilsReadsTheSameBytesFromTheEmulator) {
+  QEL_REQUIRE_NO_EMULATOR(
+      "the build machine's mmc-utils cannot load the target's RPMB emulator");
   QEL_REQUIRE_SANDBOX();
   RunInSandbox([] {
     if (Shell("command -v mmc >/dev/null") != 0)

@@ -17,6 +17,7 @@
 #include <string>
 
 #include "support/sandbox.h"
+#include "support/target.h"
 
 namespace qel_test {
 
@@ -59,8 +60,8 @@ inline RpmbRun RunOnRpmb(const RpmbDevice& device, const std::string& command) {
   unlink(trace.c_str());
   if (device.present) WriteFile(image, device.image);
   const char* asan = std::getenv("ASAN_OPTIONS");
-  std::string env = "PROBE='" QEL_RPMB_PROBE "' LD_PRELOAD='" +
-                    RpmbPreload() + "' ASAN_OPTIONS='" +
+  std::string env = "PROBE='" QEL_RPMB_PROBE "' " +
+                    TargetPreloadAssignment(RpmbPreload()) + " ASAN_OPTIONS='" +
                     (asan ? std::string(asan) + ":" : "") +
                     "verify_asan_link_order=0' QEL_RPMB_IMAGE=" + image +
                     " QEL_RPMB_TRACE=" + trace;

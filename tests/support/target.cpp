@@ -5,9 +5,20 @@
 #include <climits>
 #include <cstdlib>
 #include <cstring>
+#include <utility>
 #include <vector>
 
 namespace qel_test {
+namespace {
+
+// The variable that preloads `libraries`, and its value.
+std::pair<std::string, std::string> PreloadVariable(
+    const std::string& libraries) {
+  if (TargetEmulator().empty()) return {"LD_PRELOAD", libraries};
+  return {"QEMU_SET_ENV", "LD_PRELOAD=" + libraries};
+}
+
+}  // namespace
 
 const std::string& TargetEmulator() {
   static const std::string command = [] {
@@ -15,6 +26,16 @@ const std::string& TargetEmulator() {
     return std::string(value != nullptr ? value : "");
   }();
   return command;
+}
+
+std::string TargetPreloadAssignment(const std::string& libraries) {
+  const auto variable = PreloadVariable(libraries);
+  return variable.first + "='" + variable.second + "'";
+}
+
+void SetTargetPreload(const std::string& libraries) {
+  const auto variable = PreloadVariable(libraries);
+  setenv(variable.first.c_str(), variable.second.c_str(), 1);
 }
 
 void ExecTargetProgram(const char* path, char* const argv[]) {

@@ -20,6 +20,17 @@ const std::string& TargetEmulator();
 // Returns only on failure.
 void ExecTargetProgram(const char* path, char* const argv[]);
 
+// Preloading a library (an emulator of a device node) into a target
+// program. Natively that is LD_PRELOAD; under the emulator it is the guest's
+// LD_PRELOAD, handed over in QEMU_SET_ENV, so that the build machine's
+// programs on the way (a shell, the wrapper, qemu) never try to load a
+// library built for the target.
+//
+// The assignment for a shell command: NAME='VALUE'.
+std::string TargetPreloadAssignment(const std::string& libraries);
+// The same, set in this process's environment for a program it will start.
+void SetTargetPreload(const std::string& libraries);
+
 // Skips the current test under an emulator, saying what it cannot do there.
 #define QEL_REQUIRE_NO_EMULATOR(why)                                      \
   do {                                                                    \
