@@ -9,91 +9,41 @@
 
 namespace {
 
-using qel_test::MountFile;
-using qel_test::RunInSandbox;
 using qel_util::system::serialNumber;
 using qel_util::system::serialNumberString;
 
-bool Cid(const std::string& content) {
-  return MountFile("/sys/bus/mmc/devices/mmc0:0001/cid", content);
-}
-
-TEST(SerialNumber, LastTwelveDigitsInUpperCase) {
+TEST(SerialNumber, LastTwelveCharactersOfTheFirstLineInUpperCase) {
   QEL_REQUIRE_SANDBOX();
-  RunInSandbox([] {
-    ASSERT_TRUE(Cid("0123456789abcdef0123456789abcdef\n"));
-    EXPECT_EQ(serialNumberString(), "456789ABCDEF");
-    EXPECT_EQ(serialNumber(), 0x456789ABCDEFull);
-    EXPECT_EQ(serialNumber(), 76310993685999ull);
-
-    ASSERT_TRUE(Cid("fe0123456789ffffffffffff\n"));
-    EXPECT_EQ(serialNumberString(), "FFFFFFFFFFFF");
-    EXPECT_EQ(serialNumber(), 0xFFFFFFFFFFFFull);
-  });
-}
-
-TEST(SerialNumber, ShortLinesStayWhole) {
-  QEL_REQUIRE_SANDBOX();
-  RunInSandbox([] {
-    ASSERT_TRUE(Cid("abc\n"));
-    EXPECT_EQ(serialNumberString(), "ABC");
-    EXPECT_EQ(serialNumber(), 0xABCull);
-    ASSERT_TRUE(Cid("456789abcdef"));  // no newline, exactly twelve
-    EXPECT_EQ(serialNumberString(), "456789ABCDEF");
-    // Leading white space is kept; the number skips it.
-    ASSERT_TRUE(Cid("  abc\n"));
-    EXPECT_EQ(serialNumberString(), "  ABC");
-    EXPECT_EQ(serialNumber(), 0xABCull);
-  });
-}
-
-TEST(SerialNumber, TrailingWhiteSpaceNeverPushesDigitsOut) {
-  QEL_REQUIRE_SANDBOX();
-  RunInSandbox([] {
-    ASSERT_TRUE(Cid("0123456789abcdef0123456789abcdef \t\v\f\r\n"));
-    EXPECT_EQ(serialNumberString(), "456789ABCDEF");
-  });
-}
-
-TEST(SerialNumber, OnlyTheFirstLineAndItsFirst126Characters) {
-  QEL_REQUIRE_SANDBOX();
-  RunInSandbox([] {
-    ASSERT_TRUE(Cid("abc\n0123456789abcdef\n"));
-    EXPECT_EQ(serialNumberString(), "ABC");
-    std::string line;
-    for (int i = 0; i < 20; ++i) line += "0123456789";
-    ASSERT_TRUE(Cid(line + "\n"));
-    EXPECT_EQ(serialNumberString(), "456789012345");  // bytes 114..125
-  });
-}
-
-TEST(SerialNumber, NumberStopsAtTheFirstNonHexDigit) {
-  QEL_REQUIRE_SANDBOX();
-  RunInSandbox([] {
-    ASSERT_TRUE(Cid("0123456789abcdefXYZ\n"));
-    EXPECT_EQ(serialNumberString(), "789ABCDEFXYZ");
-    EXPECT_EQ(serialNumber(), 0x789ABCDEFull);
-    ASSERT_TRUE(Cid("serial\n"));
-    EXPECT_EQ(serialNumberString(), "SERIAL");
-    EXPECT_EQ(serialNumber(), 0ull);
-  });
-}
-
-TEST(SerialNumber, NothingToRead) {
-  QEL_REQUIRE_SANDBOX();
-  RunInSandbox([] {
-    ASSERT_TRUE(Cid(""));
-    EXPECT_EQ(serialNumberString(), "");
-    EXPECT_EQ(serialNumber(), 0ull);
-    ASSERT_TRUE(Cid(" \t\n"));
-    EXPECT_EQ(serialNumberString(), "");
-    EXPECT_EQ(serialNumber(), 0ull);
-  });
-}
-
-TEST(SerialNumber, NoCidFile) {
-  QEL_REQUIRE_SANDBOX();
-  RunInSandbox([] {
+  struct Case {
+    std::string cid, text;
+    unsigned long long number;
+  };
+  std::string digits200;
+  for (int i = 0; i < 20; ++i) digits200 += "0123456789";
+  const Case cases[] = {
+      {"0123456789abcdef0123456789abcdef\n", "456789ABCDEF", 76310993685999ull},
+      {"fe0123456789ffffffffffff\n", "FFFFFFFFFFFF", 0xFFFFFFFFFFFFull},
+      // Trailing white space never pushes digits out.
+      {"0123456789abcdef0123456789abcdef \t\v\f\r\n", "456789ABCDEF",
+       0x456789ABCDEFull},
+      {"abc\n", "ABC", 0xABCull},
+      {"456789abcdef", "456789ABCDEF", 0x456789ABCDEFull},
+      {"  abc\n", "  ABC", 0xABCull},  // kept, but the number skips it
+      {"abc\n0123456789abcdef\n", "ABC", 0xABCull},
+      {digits200 + "\n", "456789012345", 0x456789012345ull},  // bytes 114..125
+      // The number stops at the first character that is not a hex digit.
+      {"0123456789abcdefXYZ\n", "789ABCDEFXYZ", 0x789ABCDEFull},
+      {"serial\n", "SERIAL", 0},
+      {"", "", 0},
+      {" \t\n", "", 0},
+  };
+  qel_test::RunInSandbox([&cases] {
+    for (const Case& c : cases) {
+      ASSERT_TRUE(qel_test::MountFile("/sys/bus/mmc/devices/mmc0:0001/cid",
+                                      c.cid));
+      EXPECT_EQ(serialNumberString(), c.text) << c.cid;
+      EXPECT_EQ(serialNumber(), c.number) << c.cid;
+    }
     ASSERT_TRUE(qel_test::MountTmpfs("/sys/bus"));  // no eMMC at all
     EXPECT_EQ(serialNumberString(), "");
     EXPECT_EQ(serialNumber(), 0ull);

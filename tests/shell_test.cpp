@@ -5,6 +5,7 @@
 #include <random>
 #include <stdexcept>
 #include <string>
+#include <utility>
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -38,35 +39,21 @@ std::string Text(size_t size, unsigned seed) {
   return text;
 }
 
-TEST(KernelCmdline, ReturnsAShortLineWholeWithItsNewline) {
+TEST(KernelCmdline, KeepsTheFirst383BytesUpToAZeroByte) {
   QEL_REQUIRE_SANDBOX();
   RunInSandbox([] {
-    ASSERT_TRUE(MountFile("/proc/cmdline", "console=ttyS0 barcode=X\n"));
-    EXPECT_EQ(ReadKernelCmdline(), "console=ttyS0 barcode=X\n");
-  });
-}
-
-TEST(KernelCmdline, KeepsTheFirst383Bytes) {
-  QEL_REQUIRE_SANDBOX();
-  RunInSandbox([] {
-    const std::string line = Text(1000, 1);
-    ASSERT_TRUE(MountFile("/proc/cmdline", line));
-    EXPECT_EQ(ReadKernelCmdline(), line.substr(0, 383));
-
-    const std::string exact = std::string(382, 'x') + "\n";
-    ASSERT_TRUE(MountFile("/proc/cmdline", exact));
-    EXPECT_EQ(ReadKernelCmdline(), exact);
-
-    ASSERT_TRUE(MountFile("/proc/cmdline", std::string(383, 'y') + "\n"));
-    EXPECT_EQ(ReadKernelCmdline(), std::string(383, 'y'));
-  });
-}
-
-TEST(KernelCmdline, StopsAtAZeroByte) {
-  QEL_REQUIRE_SANDBOX();
-  RunInSandbox([] {
-    ASSERT_TRUE(MountFile("/proc/cmdline", std::string("a=1\0b=2\n", 8)));
-    EXPECT_EQ(ReadKernelCmdline(), "a=1");
+    const std::string random = Text(1000, 1), exact(382, 'x');
+    const std::pair<std::string, std::string> cases[] = {
+        {"console=ttyS0 barcode=X\n", "console=ttyS0 barcode=X\n"},
+        {random, random.substr(0, 383)},
+        {exact + "\n", exact + "\n"},
+        {std::string(383, 'y') + "\n", std::string(383, 'y')},
+        {std::string("a=1\0b=2\n", 8), "a=1"},
+    };
+    for (const auto& c : cases) {
+      ASSERT_TRUE(MountFile("/proc/cmdline", c.first));
+      EXPECT_EQ(ReadKernelCmdline(), c.second);
+    }
   });
 }
 
@@ -82,61 +69,62 @@ TEST(KernelCmdline, MissingFileGivesEmptyText) {
   });
 }
 
-TEST(TrimSpace, EmptyAndAllWhiteSpaceGiveEmptyText) {
-  EXPECT_EQ(TrimSpace(""), "");
-  EXPECT_EQ(TrimSpace(" \t\f\v\n\r"), "");
-  EXPECT_EQ(TrimSpace("\r\n\n  "), "");
-}
-
-TEST(TrimSpace, RemovesExactlyTheSixCharactersAtBothEnds) {
-  EXPECT_EQ(TrimSpace("\tA123 456\r\n"), "A123 456");
+TEST(TrimSpace, RemovesExactlyTheSixSpaceCharactersAtBothEnds) {
+  const std::string zeros("\0ab\0", 4);
+  const std::pair<std::string, std::string> cases[] = {
+      {"", ""}, {" \t\f\v\n\r", ""}, {"\r\n\n  ", ""},
+      {"\tA123 456\r\n", "A123 456"}, {"x", "x"}, {" x ", "x"},
+      // Zero bytes, other control characters and bytes from 128 are text.
+      {" " + zeros + " ", zeros}, {"\x1c" "a" "\x1f", "\x1c" "a" "\x1f"},
+      {"\xa0" "a" "\x85", "\xa0" "a" "\x85"},
+  };
+  for (const auto& c : cases) EXPECT_EQ(TrimSpace(c.first), c.second);
   for (char space : std::string(" \t\f\v\n\r")) {
     const std::string s(1, space);
     EXPECT_EQ(TrimSpace(s + "x" + s + "y" + s), "x" + s + "y") << int(space);
   }
-  EXPECT_EQ(TrimSpace("x"), "x");
-  EXPECT_EQ(TrimSpace(" x "), "x");
 }
 
-TEST(TrimSpace, OtherBytesStay) {
-  // Zero bytes, control characters and bytes of 128 and above are text.
-  const std::string zeros("\0ab\0", 4);
-  EXPECT_EQ(TrimSpace(" " + zeros + " "), zeros);
-  EXPECT_EQ(TrimSpace("\x1c" "a" "\x1f"), "\x1c" "a" "\x1f");
-  EXPECT_EQ(TrimSpace("\xa0" "a" "\x85"), "\xa0" "a" "\x85");
+TEST(GetKeyValue, FirstOccurrenceOfTheKeyToTheFirstEndCharacter) {
+  struct Case {
+    const char *text, *key, *ends, *value;
+  };
+  const Case cases[] = {
+      {"a=1;b=2", "b=", ";", "2"},
+      {"a=1;b=2;c=3", "b=", ";", "2"},
+      {"a=1 b=2,c=3", "b=", ", ", "2"},
+      {"b= 2 ;", "b=", ";", " 2 "},  // not trimmed
+      {"xb=3;b=2", "b=", ";", "3"},  // even inside another key
+      {"b=1;b=2", "b=", ";", "1"},
+      {"a=1", "b=", ";", ""},
+      {"a=1;b=", "b=", ";", ""},
+      {"b=;c=3", "b=", ";", ""},
+      {"", "b=", ";", ""},
+      {"a=1;b=2", "", ";", "a=1"},
+      {"a=1;b=2", "a=", "", "1;b=2"},
+      {"a=1;b=2", "", "", "a=1;b=2"},
+  };
+  for (const Case& c : cases)
+    EXPECT_EQ(GetKeyValue(c.text, c.key, c.ends), c.value) << c.text;
 }
 
-TEST(GetKeyValue, ValueRunsToTheFirstEndCharacter) {
-  EXPECT_EQ(GetKeyValue("a=1;b=2", "b=", ";"), "2");
-  EXPECT_EQ(GetKeyValue("a=1;b=2;c=3", "b=", ";"), "2");
-  EXPECT_EQ(GetKeyValue("a=1 b=2,c=3", "b=", ", "), "2");
-  EXPECT_EQ(GetKeyValue("b= 2 ;", "b=", ";"), " 2 ");  // not trimmed
-}
-
-TEST(GetKeyValue, FirstOccurrenceCountsEvenInsideAnotherKey) {
-  EXPECT_EQ(GetKeyValue("xb=3;b=2", "b=", ";"), "3");
-  EXPECT_EQ(GetKeyValue("b=1;b=2", "b=", ";"), "1");
-}
-
-TEST(GetKeyValue, EmptyValues) {
-  EXPECT_EQ(GetKeyValue("a=1", "b=", ";"), "");   // no key
-  EXPECT_EQ(GetKeyValue("a=1;b=", "b=", ";"), "");  // key at the end
-  EXPECT_EQ(GetKeyValue("b=;c=3", "b=", ";"), "");  // end right behind it
-  EXPECT_EQ(GetKeyValue("", "b=", ";"), "");
-}
-
-TEST(GetKeyValue, EmptyKeyAndEmptyEndSet) {
-  EXPECT_EQ(GetKeyValue("a=1;b=2", "", ";"), "a=1");
-  EXPECT_EQ(GetKeyValue("a=1;b=2", "a=", ""), "1;b=2");
-  EXPECT_EQ(GetKeyValue("a=1;b=2", "", ""), "a=1;b=2");
-}
-
-TEST(Exec, CapturesShortOutputsExactly) {
-  EXPECT_EQ(exec("true"), "");
-  EXPECT_EQ(exec("echo hello"), "hello\n");
+TEST(Exec, CapturesShortAndFailingOutputsExactly) {
   const std::string line(300, 'z');
-  EXPECT_EQ(exec("printf '%s\\n' " + line), line + "\n");
-  EXPECT_EQ(exec(std::string("printf 'a\\nb\\n\\nc'")), "a\nb\n\nc");
+  const std::pair<std::string, std::string> cases[] = {
+      {"true", ""},
+      {"echo hello", "hello\n"},
+      {"printf '%s\\n' " + line, line + "\n"},
+      {"printf 'a\\nb\\n\\nc'", "a\nb\n\nc"},
+      {"echo partial; exit 3", "partial\n"},
+      {"kill -9 $$", ""},
+      {"/nonexistent/tool 2>/dev/null", ""},
+  };
+  for (const auto& c : cases) {
+    EXPECT_EQ(exec(c.first), c.second) << c.first;
+    std::string output = "stale";  // emptied first
+    exec(c.first.c_str(), output);
+    EXPECT_EQ(output, c.second) << c.first;
+  }
 }
 
 TEST(Exec, CapturesMegabytesByteForByte) {
@@ -168,21 +156,6 @@ TEST(Exec, ZeroByteEndsItsChunkOnly) {
     EXPECT_EQ(exec("cat " + path),
               "ab" + std::string(10, 'A') + std::string(73, 'C') + "\nend");
   });
-}
-
-TEST(Exec, FailingCommandsGiveTheirOutputWithoutError) {
-  EXPECT_EQ(exec("echo partial; exit 3"), "partial\n");
-  EXPECT_EQ(exec("kill -9 $$"), "");
-  EXPECT_EQ(exec("/nonexistent/tool 2>/dev/null"), "");
-}
-
-TEST(Exec, EmptiesTheOutputFirst) {
-  std::string output = "stale";
-  exec("true", output);
-  EXPECT_EQ(output, "");
-  output = "old ";
-  exec("echo new", output);
-  EXPECT_EQ(output, "new\n");
 }
 
 TEST(Exec, ThrowsWhenTheCommandCannotStart) {
