@@ -66,24 +66,6 @@ RpmbRun ProbeRead(const RpmbDevice& device, const std::string& address,
   return run;
 }
 
-TEST(RpmbLayout, FrameAndIoctlBlockMatchTheKernelAbi) {
-  EXPECT_EQ(sizeof(Frame), 512u);
-  EXPECT_EQ(offsetof(Frame, stuff), 0u);
-  EXPECT_EQ(offsetof(Frame, keyMac), 196u);
-  EXPECT_EQ(offsetof(Frame, data), 228u);
-  EXPECT_EQ(offsetof(Frame, nonce), 484u);
-  EXPECT_EQ(offsetof(Frame, writeCounter), 500u);
-  EXPECT_EQ(offsetof(Frame, address), 504u);
-  EXPECT_EQ(offsetof(Frame, blockCount), 506u);
-  EXPECT_EQ(offsetof(Frame, result), 508u);
-  EXPECT_EQ(offsetof(Frame, reqResp), 510u);
-  // The same on 32- and 64-bit ABIs: data_ptr is a 64-bit field at 64.
-  EXPECT_EQ(sizeof(mmc_ioc_cmd), 72u);
-  EXPECT_EQ(offsetof(mmc_ioc_cmd, data_ptr), 64u);
-  EXPECT_EQ(sizeof(mmc_ioc_multi_cmd), 8u);
-  EXPECT_EQ(static_cast<unsigned long>(MMC_IOC_MULTI_CMD), 0xC008B301ul);
-}
-
 TEST(RpmbReader, ErrorStrings) {
   QEL_REQUIRE_SANDBOX();
   RunInSandbox([] {
