@@ -47,34 +47,31 @@ cPosixThread::cPosixThread(void (*function)(void*), void* argument,
   pthread_attr_destroy(&attributes);
 }
 
-bool cPosixThread::Start(const pthread_attr_t* attributes) {
+void cPosixThread::Start(const pthread_attr_t* attributes) {
   int failed = pthread_create(&m_thread, attributes, m_func, this);
   if (failed != 0) {
     errno = failed;
     std::perror("thread creation failed");
-    return false;
+    return;
   }
   // The start routine posts once whether it got going or not, so this wait
   // always ends; m_started tells the two apart.
   while (m_startSemaphore.wait() != 0 && errno == EINTR) {
   }
-  if (!m_started.load()) {
-    // The thread gave up before the user function and has ended (or is
-    // about to): collect it now, the destructor has nothing left to do.
-    pthread_join(m_thread, nullptr);
-  }
-  return m_started.load();
+  // A thread that gave up before the user function has ended (or is about
+  // to): collect it now, the destructor has nothing left to do.
+  if (!m_started.load()) pthread_join(m_thread, nullptr);
 }
 
 void* cPosixThread::m_func(void* self) {
   auto* thread = static_cast<cPosixThread*>(self);
-  if (pthread_setcancelstate(PTHREAD_CANCEL_ENABLE, nullptr) != 0) {
-    std::perror("pthread_setcancelstate error");
-    thread->m_startSemaphore.signal();
-    return nullptr;
-  }
-  if (pthread_setcanceltype(PTHREAD_CANCEL_DEFERRED, nullptr) != 0) {
-    std::perror("pthread_setcanceltype error");
+  const char* failure = nullptr;
+  if (pthread_setcancelstate(PTHREAD_CANCEL_ENABLE, nullptr) != 0)
+    failure = "pthread_setcancelstate error";
+  else if (pthread_setcanceltype(PTHREAD_CANCEL_DEFERRED, nullptr) != 0)
+    failure = "pthread_setcanceltype error";
+  if (failure != nullptr) {
+    std::perror(failure);
     thread->m_startSemaphore.signal();
     return nullptr;
   }

@@ -16,8 +16,19 @@ union SemArgument {
   unsigned short* array;
 };
 
-sembuf LockOperation() { return sembuf{0, -1, SEM_UNDO}; }
 sembuf UnlockOperation() { return sembuf{0, +1, SEM_UNDO}; }
+
+// Waits for the lock, for ever when `timeout` is null (semtimedop then works
+// as semop). Running out of time is no error and is not reported.
+bool TakeLock(int semId, const timespec* timeout, bool& timedOut) {
+  sembuf operation{0, -1, SEM_UNDO};
+  if (semtimedop(semId, &operation, 1, timeout) == 0) return true;
+  if (errno == EAGAIN)
+    timedOut = true;
+  else
+    std::perror("cSysVSemaphoreMutex::Lock: semop");
+  return false;
+}
 
 }  // namespace
 
@@ -52,33 +63,17 @@ bool cSysVSemaphoreMutex::DoSemGet() {
 
 bool cSysVSemaphoreMutex::Lock() {
   m_timedOut = false;
-  if (!DoSemGet()) return false;
-  sembuf operation = LockOperation();
-  if (semop(m_semId, &operation, 1) == 0) return true;
-  if (errno == EAGAIN) {
-    m_timedOut = true;
-    return false;
-  }
-  std::perror("cSysVSemaphoreMutex::Lock: semop");
-  return false;
+  return DoSemGet() && TakeLock(m_semId, nullptr, m_timedOut);
 }
 
 bool cSysVSemaphoreMutex::Lock(unsigned int seconds, unsigned int nanoseconds) {
   m_timedOut = false;
-  if (!DoSemGet()) return false;
-  sembuf operation = LockOperation();
   // Handed over as given: nanoseconds of a second or more are the caller's
   // error, which the kernel refuses with EINVAL.
   timespec timeout{};
   timeout.tv_sec = static_cast<time_t>(seconds);
   timeout.tv_nsec = static_cast<long>(nanoseconds);
-  if (semtimedop(m_semId, &operation, 1, &timeout) == 0) return true;
-  if (errno == EAGAIN) {
-    m_timedOut = true;
-    return false;
-  }
-  std::perror("cSysVSemaphoreMutex::Lock: semop");
-  return false;
+  return DoSemGet() && TakeLock(m_semId, &timeout, m_timedOut);
 }
 
 bool cSysVSemaphoreMutex::Unlock() {

@@ -59,7 +59,7 @@ class QEL_UTIL_EXPORT cPosixThread {
   static void* m_func(void* self);
 
  private:
-  bool Start(const pthread_attr_t* attributes);
+  void Start(const pthread_attr_t* attributes);
 
   pthread_t m_thread;
   void (*m_function)(void*);
