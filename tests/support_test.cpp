@@ -1,5 +1,3 @@
-// The harness itself: module tests rely on fixed paths being private.
-
 #include <unistd.h>
 
 #include <gtest/gtest.h>
