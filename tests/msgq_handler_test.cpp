@@ -1,6 +1,4 @@
-// The message queue handler on real System V queues, in a private IPC
-// namespace: the one-byte announcement, selectors, clearing, sharing a key
-// between processes, prompt destruction and the msgget failure.
+// The message queue handler on real System V queues in a private IPC namespace.
 
 #include <linux/capability.h>
 #include <poll.h>
@@ -8,15 +6,12 @@
 #include <sys/msg.h>
 #include <sys/wait.h>
 #include <unistd.h>
-
 #include <chrono>
 #include <cstring>
 #include <string>
 #include <thread>
 #include <vector>
-
 #include <gtest/gtest.h>
-
 #include "qel_util/ipc.h"
 #include "support/privilege.h"
 #include "support/sandbox.h"
@@ -26,14 +21,9 @@ namespace qel_util {
 namespace {
 
 using qel_test::RunInSandbox;
-using qel_test::StderrCapture;
-
 constexpr int kKey = 0x5143;
 
-struct Message {
-  long type;
-  char text[128];
-};
+struct Message { long type; char text[128]; };
 
 void Send(cMsgQHandler& handler, long type, const std::string& text) {
   Message message{type, {}};
@@ -41,12 +31,9 @@ void Send(cMsgQHandler& handler, long type, const std::string& text) {
   EXPECT_EQ(handler.tx(&message, sizeof(long) + text.size(), 0), 0);
 }
 
-// What rx delivered, "" when it returned 1.
-std::string Receive(cMsgQHandler& handler, int flags = IPC_NOWAIT,
-                    size_t room = sizeof(Message::text), long* type = nullptr) {
+std::string Receive(cMsgQHandler& handler, int flags = IPC_NOWAIT, size_t room = 128) {
   Message message{};
   if (handler.rx(&message, sizeof(long) + room, flags) != 0) return "";
-  if (type != nullptr) *type = message.type;
   return std::string(message.text, strnlen(message.text, room));
 }
 
@@ -55,16 +42,12 @@ bool Readable(int fd, int timeoutMs = 2000) {
   return poll(&watch, 1, timeoutMs) == 1;
 }
 
-// Waits for `count` bytes, then a little longer so that a surplus shows.
-int SettledPipeBytes(int fd, int count) {
-  int bytes = -1;
-  auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(2);
-  while ((ioctl(fd, FIONREAD, &bytes), bytes < count) &&
-         std::chrono::steady_clock::now() < deadline)
-    std::this_thread::sleep_for(std::chrono::milliseconds(5));
+// Waits for a due announcement, then a little longer so that a surplus shows.
+int SettledPipeBytes(int fd, bool due) {
+  if (due) Readable(fd);
   std::this_thread::sleep_for(std::chrono::milliseconds(100));
-  ioctl(fd, FIONREAD, &bytes);
-  return bytes;
+  int bytes = -1;
+  return ioctl(fd, FIONREAD, &bytes) == 0 ? bytes : -1;
 }
 
 int Queued(int key) {
@@ -79,12 +62,10 @@ TEST(MsgQHandler, OneByteAnnouncesManyAndATooLongMessageIsAnnouncedAgain) {
     cMsgQHandler sender(kKey, 99);
     for (const char* text : {"a", "bb", "ccc"}) Send(sender, 1, text);
     cMsgQHandler handler(kKey, 1);
-    EXPECT_EQ(SettledPipeBytes(handler.get_fd(), 1), 1);
-    for (const char* text : {"a", "bb", "ccc", ""})
-      EXPECT_EQ(Receive(handler), text);
-    EXPECT_EQ(SettledPipeBytes(handler.get_fd(), 0), 0);
-    std::string text(100, 'x');
-    for (size_t i = 0; i < text.size(); ++i) text[i] = 'a' + i % 26;
+    EXPECT_EQ(SettledPipeBytes(handler.get_fd(), true), 1);
+    for (const char* text : {"a", "bb", "ccc", ""}) EXPECT_EQ(Receive(handler), text);
+    EXPECT_EQ(SettledPipeBytes(handler.get_fd(), false), 0);
+    const std::string text = std::string(50, 'a') + std::string(50, 'b');
     Send(sender, 1, text);
     ASSERT_TRUE(Readable(handler.get_fd()));
     EXPECT_EQ(Receive(handler, IPC_NOWAIT, 50), "");
@@ -97,11 +78,7 @@ TEST(MsgQHandler, OneByteAnnouncesManyAndATooLongMessageIsAnnouncedAgain) {
 
 TEST(MsgQHandler, SelectorsAndClear) {
   QEL_REQUIRE_SANDBOX();
-  struct Case {
-    long selector;
-    std::vector<long> sent, taken;
-    int left;
-  };
+  struct Case { long selector; std::vector<long> sent, taken; int left; };
   const Case cases[] = {{5, {3, 5}, {5}, 1}, {0, {7, 2}, {7, 2}, 0},
                         {-4, {7, 4, 2}, {2, 4}, 1}};
   RunInSandbox([&cases] {
@@ -110,26 +87,18 @@ TEST(MsgQHandler, SelectorsAndClear) {
       cMsgQHandler handler(++key, c.selector);
       for (long type : c.sent) Send(handler, type, std::to_string(type));
       ASSERT_TRUE(Readable(handler.get_fd()));
-      for (long expected : c.taken) {
-        long type = 0;
-        EXPECT_EQ(Receive(handler, IPC_NOWAIT, 128, &type), std::to_string(expected));
-        EXPECT_EQ(type, expected);
-      }
+      for (long type : c.taken) EXPECT_EQ(Receive(handler), std::to_string(type));
       EXPECT_EQ(Receive(handler), "");
       EXPECT_EQ(Queued(key), c.left) << c.selector;
     }
     cMsgQHandler handler(kKey, 1);
     Send(handler, 2, "kept");
-    EXPECT_FALSE(Readable(handler.get_fd(), 150));
     Send(handler, 1, "longer than the ten bytes clear keeps");
     Send(handler, 1, "short");
     ASSERT_TRUE(Readable(handler.get_fd()));
     EXPECT_TRUE(handler.clear());
     EXPECT_EQ(Queued(kKey), 1);
-    EXPECT_EQ(SettledPipeBytes(handler.get_fd(), 0), 0);
-    Send(handler, 1, "after");
-    ASSERT_TRUE(Readable(handler.get_fd()));
-    EXPECT_EQ(Receive(handler), "after");
+    EXPECT_EQ(SettledPipeBytes(handler.get_fd(), false), 0);
   });
 }
 
@@ -137,8 +106,7 @@ TEST(MsgQHandler, TwoProcessesShareAKeyAndDestructionIsPrompt) {
   QEL_REQUIRE_SANDBOX();
   RunInSandbox([] {
     std::fflush(nullptr);
-    pid_t child = fork();
-    ASSERT_GE(child, 0);
+    const pid_t child = fork();
     if (child == 0) {
       cMsgQHandler handler(kKey, 2);
       if (!Readable(handler.get_fd(), 5000) || Receive(handler) != "ping") _exit(2);
@@ -172,12 +140,11 @@ TEST(MsgQHandlerFailure, MsggetErrorIsReportedAndTheHandlerStaysHarmless) {
   RunInSandbox([] {
     ASSERT_GE(msgget(kKey, IPC_CREAT | 0), 0);
     ASSERT_TRUE(qel_test::DropCapability(CAP_IPC_OWNER));
-    StderrCapture err;
+    qel_test::StderrCapture err;
     {
       cMsgQHandler handler(kKey, 1);
-      Message message{1, "lost"};
-      EXPECT_EQ(handler.tx(&message, sizeof(long) + 4, 0), 0);
-      EXPECT_EQ(handler.rx(&message, sizeof message, IPC_NOWAIT), 1);
+      Send(handler, 1, "lost");
+      EXPECT_EQ(Receive(handler), "");
       EXPECT_FALSE(handler.clear());
       EXPECT_FALSE(Readable(handler.get_fd(), 100));
     }

@@ -1,16 +1,12 @@
-// The cross-process mutex on real System V semaphores, in a private IPC
-// namespace, with real processes as the other lock holders.
+// The cross-process mutex on real System V semaphores, with real processes.
 
 #include <signal.h>
 #include <sys/mman.h>
 #include <sys/sem.h>
 #include <sys/wait.h>
 #include <unistd.h>
-
 #include <string>
-
 #include <gtest/gtest.h>
-
 #include "qel_util/ipc.h"
 #include "support/sandbox.h"
 #include "support/stderr_capture.h"
@@ -19,8 +15,6 @@ namespace qel_util {
 namespace {
 
 using qel_test::RunInSandbox;
-using qel_test::StderrCapture;
-
 constexpr int kKey = 0x5E4A;
 
 TEST(SysVSemaphoreMutex, ExcludesOtherProcesses) {
@@ -61,22 +55,17 @@ TEST(SysVSemaphoreMutex, ExcludesOtherProcesses) {
 TEST(SysVSemaphoreMutex, TimeoutsInvalidWaitsAndAKilledHoldersUndo) {
   QEL_REQUIRE_SANDBOX();
   RunInSandbox([] {
-    StderrCapture err;
+    qel_test::StderrCapture err;
     cSysVSemaphoreMutex mutex(kKey);
-    int ready[2];
-    ASSERT_EQ(pipe(ready), 0);
     std::fflush(nullptr);
     const pid_t holder = fork();
     if (holder == 0) {
       cSysVSemaphoreMutex held(kKey);
-      if (!held.Lock() || write(ready[1], "", 1) != 1) _exit(1);
-      for (;;) pause();
+      if (held.Lock()) for (;;) pause();
+      _exit(1);
     }
-    close(ready[1]);
-    char byte;
-    EXPECT_EQ(read(ready[0], &byte, 1), 1);
-    close(ready[0]);
-    EXPECT_EQ(mutex.GetValue(), 0);
+    for (int i = 0; i < 10000 && mutex.GetValue() != 0; ++i) usleep(1000);
+    ASSERT_EQ(mutex.GetValue(), 0) << "the holder did not lock";
     EXPECT_FALSE(mutex.Lock(0, 0));
     EXPECT_TRUE(mutex.TimedOut());
     EXPECT_FALSE(mutex.Lock(0, 1000000000));

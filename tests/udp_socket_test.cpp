@@ -1,19 +1,12 @@
-// Datagram sockets in the abstract namespace on the real kernel, each test in
-// its own network namespace.
+// Datagram sockets in the abstract namespace, each test in its own namespace.
 
 #include <poll.h>
-#include <sys/wait.h>
-#include <unistd.h>
-
 #include <cerrno>
 #include <chrono>
 #include <cstdio>
-#include <cstdlib>
 #include <functional>
 #include <string>
-
 #include <gtest/gtest.h>
-
 #include "qel_util/net.h"
 #include "support/sandbox.h"
 #include "support/stderr_capture.h"
@@ -42,26 +35,25 @@ std::string Receive(UdpSocket& socket, unsigned int size = 512) {
 TEST(UdpServer, ConversationAnswersTheLastSenderAndKeepsBoundaries) {
   QEL_REQUIRE_SANDBOX();
   InPrivateNames([] {
-    UdpServer server("@service");
-    UdpClient first("@client", "@service"), second("@second", "@service");
-    for (UdpSocket* socket : {(UdpSocket*)&server, (UdpSocket*)&first, (UdpSocket*)&second})
+    const std::string body(106, 'n');  // names end at the 107th character
+    UdpServer server("s" + body + "S-tail");
+    UdpClient first("@client", "c" + body + "C-tail"), second("@second", "@" + body),
+        differs("@differs", "c" + body.substr(1) + "X");
+    for (UdpSocket* socket : {(UdpSocket*)&server, (UdpSocket*)&first, (UdpSocket*)&second,
+                              (UdpSocket*)&differs})
       ASSERT_EQ(socket->Init(), 0);
-    errno = EDOM;  // no peer yet: nothing sent, errno untouched
-    EXPECT_EQ(Send(server, "nobody"), -1);
-    EXPECT_EQ(errno, EDOM);
-    EXPECT_EQ(Send(first, "one"), 3);
-    EXPECT_EQ(Receive(server), "one");
-    EXPECT_EQ(Receive(server), "<none>");
-    EXPECT_EQ(errno, EAGAIN);
-    EXPECT_EQ(Send(server, "to one"), 6);
-    EXPECT_EQ(Receive(first), "to one");
-    EXPECT_EQ(Send(second, "two"), 3);
-    EXPECT_EQ(Receive(server), "two");
-    EXPECT_EQ(Send(server, "to two"), 6);
+    EXPECT_EQ(Send(server, "nobody"), -1);  // no peer yet
+    struct Step { UdpSocket *from, *to; std::string text; };
+    for (const Step& step : {Step{&first, &server, "one"}, Step{&server, &first, "to one"},
+                             Step{&second, &server, "two"}, Step{&server, &second, "to two"}}) {
+      EXPECT_EQ(Send(*step.from, step.text), int(step.text.size()));
+      EXPECT_EQ(Receive(*step.to), step.text);
+    }
     EXPECT_EQ(Receive(first), "<none>");
-    EXPECT_EQ(Receive(second), "to two");
-    std::string large(300, '\0');
-    for (size_t i = 0; i < large.size(); ++i) large[i] = char('A' + i % 26);
+    EXPECT_EQ(errno, EAGAIN);
+    EXPECT_EQ(Send(differs, "lost"), -1);
+    EXPECT_EQ(errno, ECONNREFUSED);
+    const std::string large = std::string(100, 'a') + std::string(200, 'b');
     for (const std::string& text : {std::string(), large, std::string("next")})
       EXPECT_EQ(Send(first, text), static_cast<int>(text.size()));
     EXPECT_EQ(Receive(server), "");
@@ -80,38 +72,18 @@ TEST(UdpSocket, ATakenNameFailsThreeTimesOverAboutThreeHundredMs) {
     const auto start = std::chrono::steady_clock::now();
     EXPECT_EQ(client.Init(), -1);
     EXPECT_EQ(errno, EADDRINUSE);
-    const std::chrono::duration<double, std::milli> elapsed =
-        std::chrono::steady_clock::now() - start;
+    const auto elapsed = std::chrono::steady_clock::now() - start;
     const std::string line = "UdpSocket: bind: Address already in use\n";
     EXPECT_EQ(capture.Text(), line + line + line);
-    EXPECT_GE(elapsed.count(), 290.0);
-    EXPECT_LT(elapsed.count(), 3000.0);
+    EXPECT_GE(elapsed, std::chrono::milliseconds(290));
+    EXPECT_LT(elapsed, std::chrono::seconds(3));
     EXPECT_EQ(client.get_fd(), -1);
-  });
-}
-
-TEST(UdpSocket, NamesEndAtTheHundredAndSeventhCharacter) {
-  QEL_REQUIRE_SANDBOX();
-  InPrivateNames([] {
-    const std::string body(106, 'n');
-    UdpServer server("s" + body + "S-tail");
-    UdpClient client("@client", "c" + body + "C-tail");
-    UdpClient differs("@differs", "c" + body.substr(1) + "X");
-    for (UdpSocket* socket : {(UdpSocket*)&server, (UdpSocket*)&client, (UdpSocket*)&differs})
-      ASSERT_EQ(socket->Init(), 0);
-    EXPECT_EQ(Send(client, "hello"), 5);
-    EXPECT_EQ(Receive(server), "hello");
-    errno = 0;
-    EXPECT_EQ(Send(differs, "lost"), -1);
-    EXPECT_EQ(errno, ECONNREFUSED);
   });
 }
 
 // A peer written by somebody else: Python pads the name to the whole path.
 TEST(UdpServer, ExchangesDatagramsWithAPythonPeer) {
   QEL_REQUIRE_SANDBOX();
-  if (std::system("python3 -c 'import socket' 2>/dev/null") != 0)
-    GTEST_SKIP() << "python3 is not available";
   InPrivateNames([] {
     const std::string script = qel_test::ScratchPath("peer.py");
     ASSERT_TRUE(qel_test::WriteFile(script, R"(
@@ -133,9 +105,8 @@ print(data.decode(), sender == full(b'qel-service'))
     EXPECT_EQ(Receive(server), "ping from python");
     EXPECT_EQ(Send(server, "pong from qel"), 13);
     char line[256] = {};
-    EXPECT_NE(std::fgets(line, sizeof line, python), nullptr);
+    EXPECT_STREQ(std::fgets(line, sizeof line, python), "pong from qel True\n");
     EXPECT_EQ(pclose(python), 0);
-    EXPECT_STREQ(line, "pong from qel True\n");
   });
 }
 
