@@ -1,5 +1,3 @@
-// Threads on the real kernel: start handshake, cancellation, failure reports.
-
 #include <dirent.h>
 #include <linux/capability.h>
 #include <pthread.h>
@@ -33,8 +31,7 @@ template <typename Condition> bool Eventually(Condition done) {
   return done();
 }
 
-// Lets a runtime that starts a helper thread on first use (sanitizers) do so
-// before the count, and waits for the probe thread to leave /proc.
+// Lets a sanitizer start its helper thread before the count; waits out the probe.
 int BaselineTaskCount() {
   pid_t tid = 0;
   std::thread([&tid] { tid = gettid(); }).join();

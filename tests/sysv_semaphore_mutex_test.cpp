@@ -1,5 +1,3 @@
-// The cross-process mutex on real System V semaphores, with real processes.
-
 #include <signal.h>
 #include <sys/mman.h>
 #include <sys/sem.h>
@@ -14,12 +12,11 @@
 namespace qel_util {
 namespace {
 
-using qel_test::RunInSandbox;
 constexpr int kKey = 0x5E4A;
 
 TEST(SysVSemaphoreMutex, ExcludesOtherProcesses) {
   QEL_REQUIRE_SANDBOX();
-  RunInSandbox([] {
+  qel_test::RunInSandbox([] {
     struct Shared { int inside, overlaps, total; };
     void* memory = mmap(nullptr, sizeof(Shared), PROT_READ | PROT_WRITE,
                         MAP_SHARED | MAP_ANONYMOUS, -1, 0);
@@ -54,7 +51,7 @@ TEST(SysVSemaphoreMutex, ExcludesOtherProcesses) {
 
 TEST(SysVSemaphoreMutex, TimeoutsInvalidWaitsAndAKilledHoldersUndo) {
   QEL_REQUIRE_SANDBOX();
-  RunInSandbox([] {
+  qel_test::RunInSandbox([] {
     qel_test::StderrCapture err;
     cSysVSemaphoreMutex mutex(kKey);
     std::fflush(nullptr);
