@@ -1,16 +1,11 @@
-// The RPMB reader against the emulated eMMC (tests/rpmb_emulator), against a
-// node that is no MMC device, and without a node; the emulator itself is
-// checked against mmc-utils.
+// The RPMB reader and the hardware-ID record of block 0, run by the probe
+// program against the emulated eMMC (tests/rpmb_emulator), which mmc-utils
+// reads as well; in-process against a node that is no MMC device or none.
 
-#include <linux/major.h>
-#include <linux/mmc/ioctl.h>
-#include <sys/ioctl.h>
 #include <syslog.h>
+#include <unistd.h>
 
-#include <cerrno>
-#include <cstddef>
-#include <cstring>
-#include <utility>
+#include <cstdint>
 #include <string>
 #include <vector>
 
@@ -18,17 +13,55 @@
 
 #include "qel_util/system.h"
 #include "support/sandbox.h"
+#include "support/stderr_capture.h"
 #include "support/syslog_capture.h"
 #include "support/target.h"
-#include "tests/rpmb_emulator/emulated_rpmb.h"
 
 namespace qel_test {
 namespace {
 
 using qel_util::MmcPrivate;
-using Frame = MmcPrivate::DataFrame;
 
-constexpr int kUserErr = LOG_USER | LOG_ERR;
+struct RpmbRun { std::string out, err, data; };
+
+// Runs `command` ("$PROBE" is the probe, "$D" a data file) with the emulated
+// node serving `image` (none when empty); `env` sets QEL_RPMB_BLOCKS/RESULTS.
+// Gives standard output and error and the data file.
+RpmbRun RunOnRpmb(const std::string& image, const std::string& command,
+                  const std::string& env = "") {
+  const std::string path = ScratchPath("rpmb.img");
+  unlink(path.c_str());
+  unlink(ScratchPath("data").c_str());
+  if (!image.empty()) WriteFile(path, image);
+  const char* asan = std::getenv("ASAN_OPTIONS");
+  RpmbRun run;
+  Shell("export D=" + ScratchPath("data") + " PROBE='" QEL_RPMB_PROBE "' " +
+            TargetPreloadAssignment(QEL_RPMB_EMULATOR) + " ASAN_OPTIONS='" +
+            (asan ? std::string(asan) + ":" : "") +
+            "verify_asan_link_order=0:detect_leaks=0' QEL_RPMB_IMAGE=" + path +
+            " " + env + "; " + command + " 2>" + ScratchPath("err"),
+        &run.out);
+  run.err = ReadFile(ScratchPath("err"));
+  run.data = ReadFile(ScratchPath("data"));
+  return run;
+}
+
+RpmbRun ProbeRead(const std::string& image, const std::string& range,
+                  const std::string& env = "") {
+  return RunOnRpmb(image, "\"$PROBE\" read " + range + " $D", env);
+}
+
+// Syslog lines as "E text|" (LOG_USER|LOG_ERR) or "W text|" (LOG_WARNING).
+std::string E(const std::string& text) { return "E " + text + "|"; }
+std::string Logged(SyslogCapture& syslog, size_t count = 0) {
+  std::string text;
+  for (const SyslogLine& line : syslog.Take(count))
+    text += (line.priority == (LOG_USER | LOG_ERR)       ? "E "
+             : line.priority == (LOG_USER | LOG_WARNING) ? "W "
+                                                         : "? ") +
+            line.message + "|";
+  return text;
+}
 
 // 512 blocks whose bytes all differ between blocks and within a block.
 std::string PartitionImage() {
@@ -41,128 +74,43 @@ std::string PartitionImage() {
   return image;
 }
 
-Frame Request(uint16_t type) {
-  Frame frame{};
-  frame.reqResp[0] = static_cast<uint8_t>(type >> 8);
-  frame.reqResp[1] = static_cast<uint8_t>(type);
-  return frame;
+const std::string kNoFd = "# Failed to read data: invalid device fd [ID_IO]\n";
+const std::string kIoctlFailed = "# Failed to read data: error -1 [ID_IO]\n";
+const std::string kOutOfRange = "# Failed to read data: out of range [ID_IO]\n";
+std::string Internal(const std::string& text) {
+  return "# Failed to read data: internal error '" + text + "' [ID_IO]\n";
 }
 
-bool AllZero(const std::vector<Frame>& frames) {
-  for (const Frame& frame : frames) {
-    const auto* bytes = reinterpret_cast<const unsigned char*>(&frame);
-    for (size_t i = 0; i < sizeof frame; ++i)
-      if (bytes[i] != 0) return false;
-  }
-  return true;
-}
-
-// The probe's ReadData: its "<result> <size>" line, the buffer in `data`.
-RpmbRun ProbeRead(const RpmbDevice& device, const std::string& address,
-                  const std::string& count, std::string* data = nullptr) {
-  RpmbRun run = RunOnRpmb(device, "\"$PROBE\" read " + address + " " + count +
-                                      " " + ScratchPath("data.bin"));
-  if (data) *data = ReadFile(ScratchPath("data.bin"));
-  return run;
-}
-
-TEST(RpmbReader, ErrorStrings) {
-  QEL_REQUIRE_SANDBOX();
-  RunInSandbox([] {
-    MmcPrivate mmc;
-    const char* texts[] = {"Unknown",        "General failure",
-                           "Authentication failure", "Counter failure",
-                           "Address failure", "Write failure",
-                           "Read failure",    "No authentication Key",
-                           "Unknown"};
-    for (int code = 0; code <= 8; ++code)
-      EXPECT_EQ(mmc.GetErrorString(static_cast<MmcPrivate::ResultType>(code)),
-                texts[code]) << code;
-    EXPECT_EQ(mmc.GetErrorString(static_cast<MmcPrivate::ResultType>(127)),
-              "Unknown");
-  });
-}
-
-TEST(RpmbReader, PrintErrorMsgGoesToStderrThenSyslog) {
+// Without a node nothing is read; a regular file at the node's path opens
+// but refuses the ioctl, so whatever fails otherwise never reached it.
+TEST(RpmbReader, ChecksTheNodeAndArgumentsBeforeTheIoctl) {
   QEL_REQUIRE_SANDBOX();
   RunInSandbox([] {
     SyslogCapture syslog;
-    MmcPrivate mmc;
     StderrCapture err;
-    mmc.PrintErrorMsg("# %s %d%% [ID_IO]\n", "at", 50);
-    EXPECT_EQ(err.Take(), "# at 50% [ID_IO]\n");
-    auto lines = syslog.Take(1);
-    ASSERT_EQ(lines.size(), 1u);
-    EXPECT_EQ(lines[0].priority, kUserErr);
-    EXPECT_EQ(lines[0].message, "# at 50% [ID_IO]\n");
-    closelog();  // the library logs through the process's connection
-  });
-}
+    MmcPrivate::DataFrame read{};
+    read.reqResp[1] = 4;
+    std::vector<MmcPrivate::DataFrame> responses(2);
+    std::vector<unsigned char> buffer(3, 9);
+    EXPECT_EQ(MmcPrivate().RunCommand(&read, responses), -9);
+    EXPECT_EQ(MmcPrivate().ReadData(0, 1, buffer), 1);
 
-TEST(RpmbReader, WithoutDeviceNode) {
-  QEL_REQUIRE_SANDBOX();
-  RunInSandbox([] {
-    SyslogCapture syslog;
-    MmcPrivate mmc;
-    const Frame request = Request(0x0004);
-    std::vector<Frame> responses(1);
-    EXPECT_EQ(mmc.RunCommand(&request, responses), -9);
-    std::vector<unsigned char> buffer(5, 1);
-    StderrCapture err;
-    EXPECT_EQ(mmc.ReadData(0, 1, buffer), 1);
-    EXPECT_EQ(err.Take(), "# Failed to read data: invalid device fd [ID_IO]\n");
-    EXPECT_EQ(buffer, std::vector<unsigned char>(5, 1));
-    auto lines = syslog.Take(1);
-    ASSERT_EQ(lines.size(), 1u);
-    EXPECT_EQ(lines[0].priority, kUserErr);
-    EXPECT_EQ(lines[0].message,
-              "# Failed to read data: invalid device fd [ID_IO]\n");
-    closelog();
-  });
-}
-
-// A regular file at the node's path opens but refuses the ioctl (ENOTTY):
-// whatever returns something else never reached the ioctl.
-TEST(RpmbReader, ChecksArgumentsBeforeTheIoctl) {
-  QEL_REQUIRE_SANDBOX();
-  RunInSandbox([] {
     ASSERT_TRUE(WriteFile("/dev/mmcblk0rpmb", ""));
     MmcPrivate mmc;
-    const Frame read = Request(0x0004);
-    const Frame write = Request(0x0003);
-    std::vector<Frame> responses(2);
-    std::vector<Frame> none;
-    EXPECT_EQ(mmc.RunCommand(nullptr, responses), -22);
-    EXPECT_EQ(mmc.RunCommand(&read, none), -22);
-    std::memset(responses.data(), 0xAB, 2 * sizeof(Frame));
-    EXPECT_EQ(mmc.RunCommand(&write, responses), -22);
-    EXPECT_TRUE(AllZero(responses));
-    errno = 0;
     EXPECT_EQ(mmc.RunCommand(&read, responses), -1);
-    // qemu-user answers an ioctl it does not know with ENOSYS itself.
-    if (TargetEmulator().empty()) {
+    if (TargetEmulator().empty()) {  // qemu answers ENOSYS itself
       EXPECT_EQ(errno, ENOTTY);
     }
-
-    SyslogCapture syslog;
-    StderrCapture err;
-    std::vector<unsigned char> buffer(3, 9);
-    EXPECT_EQ(mmc.ReadData(510, 1, buffer), 1);  // in range: reaches ioctl
+    EXPECT_EQ(mmc.ReadData(510, 1, buffer), 1);  // in range: reaches the ioctl
     for (auto range : {std::make_pair(511, 1), std::make_pair(0, 512),
-                       std::make_pair(0, 0), std::make_pair(65535, 1)}) {
+                       std::make_pair(0, 0)})
       EXPECT_EQ(mmc.ReadData(range.first, range.second, buffer), 1);
-    }
     EXPECT_EQ(buffer, std::vector<unsigned char>(3, 9));
-    const std::string outOfRange =
-        "# Failed to read data: out of range [ID_IO]\n";
-    EXPECT_EQ(err.Take(), "# Failed to read data: error -1 [ID_IO]\n" +
-                              outOfRange + outOfRange + outOfRange +
-                              outOfRange);
-    auto lines = syslog.Take(5);
-    ASSERT_EQ(lines.size(), 5u);
-    EXPECT_EQ(lines[0].message, "# Failed to read data: error -1 [ID_IO]\n");
-    for (const auto& line : lines) EXPECT_EQ(line.priority, kUserErr);
-    EXPECT_EQ(lines[4].message, outOfRange);
+    EXPECT_EQ(err.Text(), kNoFd + kIoctlFailed + kOutOfRange +
+                              kOutOfRange + kOutOfRange);
+    EXPECT_EQ(Logged(syslog, 5), E(kNoFd) + E(kIoctlFailed) +
+                                     E(kOutOfRange) + E(kOutOfRange) +
+                                     E(kOutOfRange));
     closelog();
   });
 }
@@ -170,24 +118,18 @@ TEST(RpmbReader, ChecksArgumentsBeforeTheIoctl) {
 TEST(RpmbReader, ReadsBlocksInOneIoctl) {
   QEL_REQUIRE_SANDBOX();
   RunInSandbox([] {
-    RpmbDevice device;
-    device.image = PartitionImage();
-    std::string data;
-    RpmbRun run = ProbeRead(device, "2", "3", &data);
-    EXPECT_EQ(run.status, 0);
-    EXPECT_EQ(run.out, "0 768\n");
-    EXPECT_EQ(run.err, "");
-    EXPECT_TRUE(data == device.image.substr(2 * 256, 768));
-    EXPECT_EQ(run.trace,
-              "multi 2; cmd25 w flags=0x35 arg=0x0 512x1 req=0x0004 addr=2 "
-              "count=0; cmd18 r flags=0x35 arg=0x0 512x3; -> 0\n");
-
-    run = ProbeRead(device, "510", "1", &data);  // the last readable block
-    EXPECT_EQ(run.out, "0 256\n");
-    EXPECT_TRUE(data == device.image.substr(510 * 256, 256));
-    run = ProbeRead(device, "0", "511", &data);  // the longest read
-    EXPECT_EQ(run.out, "0 130816\n");
-    EXPECT_TRUE(data == device.image.substr(0, 511 * 256));
+    const std::string image = PartitionImage();
+    struct {
+      const char* range;
+      size_t at, size;
+    } reads[] = {{"2 3", 512, 768}, {"510 1", 510 * 256, 256},  // the last
+                 {"0 511", 0, 511 * 256}};                      // the longest
+    for (const auto& r : reads) {
+      const RpmbRun run = ProbeRead(image, r.range);
+      EXPECT_EQ(run.out, "0 " + std::to_string(r.size) + "\n");
+      EXPECT_EQ(run.err, "");
+      EXPECT_TRUE(run.data == image.substr(r.at, r.size)) << r.range;
+    }
   });
 }
 
@@ -198,33 +140,22 @@ TEST(RpmbReader, MmcUtilsReadsTheSameBytesFromTheEmulator) {
   RunInSandbox([] {
     if (Shell("command -v mmc >/dev/null") != 0)
       GTEST_SKIP() << "mmc-utils is not installed";
-    RpmbDevice device;
-    device.image = PartitionImage();
-    const std::string file = ScratchPath("mmc.bin");
-    // mmc-utils is not built with the sanitizer: no leak report from it.
-    RpmbRun run = RunOnRpmb(
-        device, "ASAN_OPTIONS=$ASAN_OPTIONS:detect_leaks=0 mmc rpmb "
-                "read-block /dev/mmcblk0rpmb 0x1FB 4 " + file);
-    EXPECT_EQ(run.status, 0) << run.err;
-    EXPECT_NE(run.trace.find("cmd18 r flags=0xb5 arg=0x0 512x4; -> 0"),
-              std::string::npos) << run.trace;
-    std::string probed;
-    EXPECT_EQ(ProbeRead(device, "0x1FB", "4", &probed).out, "0 1024\n");
-    EXPECT_EQ(ReadFile(file).size(), 1024u);
-    EXPECT_TRUE(ReadFile(file) == probed);
-    EXPECT_TRUE(probed == device.image.substr(0x1FB * 256, 1024));
+    const std::string image = PartitionImage();
+    const RpmbRun mmc =
+        RunOnRpmb(image, "mmc rpmb read-block /dev/mmcblk0rpmb 0x1FB 4 $D");
+    EXPECT_EQ(mmc.err, "");
+    const RpmbRun run = ProbeRead(image, "0x1FB 4");
+    EXPECT_EQ(run.out, "0 1024\n");
+    EXPECT_TRUE(run.data == image.substr(0x1FB * 256, 1024));
+    EXPECT_TRUE(mmc.data == run.data);
 
     // Past the end of a 16-block partition, both get an address failure.
-    device.blocks = "16";
-    run = RunOnRpmb(device, "ASAN_OPTIONS=$ASAN_OPTIONS:detect_leaks=0 mmc "
-                            "rpmb read-block /dev/mmcblk0rpmb 15 2 " + file);
-    EXPECT_NE(run.status, 0);
-    EXPECT_EQ(run.out, "RPMB operation failed, retcode 0x0004\n");
-    run = ProbeRead(device, "15", "2");
-    EXPECT_EQ(run.out, "4 0\n");
-    EXPECT_EQ(run.err,
-              "# Failed to read data: internal error 'Address failure' "
-              "[ID_IO]\n");
+    EXPECT_EQ(RunOnRpmb(image, "mmc rpmb read-block /dev/mmcblk0rpmb 15 2 $D",
+                        "QEL_RPMB_BLOCKS=16").out,
+              "RPMB operation failed, retcode 0x0004\n");
+    const RpmbRun past = ProbeRead(image, "15 2", "QEL_RPMB_BLOCKS=16");
+    EXPECT_EQ(past.out, "4 0\n");
+    EXPECT_EQ(past.err, Internal("Address failure"));
   });
 }
 
@@ -232,39 +163,114 @@ TEST(RpmbReader, OnlyTheMaskedResultOfTheLastFrameCounts) {
   QEL_REQUIRE_SANDBOX();
   RunInSandbox([] {
     SyslogCapture syslog;
-    RpmbDevice device;
-    device.image = PartitionImage();
-    std::string data;
-    device.results = "0x0080";  // write counter expired, read OK
-    EXPECT_EQ(ProbeRead(device, "1", "2", &data).out, "0 512\n");
-    EXPECT_TRUE(data == device.image.substr(256, 512));
-    device.results = "5,7,0";   // failures in earlier frames only
-    EXPECT_EQ(ProbeRead(device, "1", "3").out, "0 768\n");
-    EXPECT_TRUE(syslog.Take().empty());
-
-    struct Case {
+    struct {
       const char* results;
       const char* out;
-      const char* text;
+      const char* text;  // nullptr: read
     } cases[] = {
+        {"0x0080", "0 768\n", nullptr},  // write counter expired, read OK
+        {"5,7,0", "0 768\n", nullptr},   // failures in earlier frames only
         {"0x0085", "5 0\n", "Write failure"},
         {"0,0,6", "6 0\n", "Read failure"},
         {"0x0007", "7 0\n", "No authentication Key"},
-        {"9", "9 0\n", "Unknown"},
         {"0x00FF", "127 0\n", "Unknown"},
     };
-    for (const Case& c : cases) {
-      device.results = c.results;
-      RpmbRun run = ProbeRead(device, "1", "3");
+    const std::string image = PartitionImage();
+    for (const auto& c : cases) {
+      const RpmbRun run =
+          ProbeRead(image, "1 3", std::string("QEL_RPMB_RESULTS=") + c.results);
       EXPECT_EQ(run.out, c.out) << c.results;
-      const std::string message = std::string("# Failed to read data: "
-                                              "internal error '") +
-                                  c.text + "' [ID_IO]\n";
-      EXPECT_EQ(run.err, message);
-      auto lines = syslog.Take(1);
-      ASSERT_EQ(lines.size(), 1u) << c.results;
-      EXPECT_EQ(lines[0].priority, kUserErr);
-      EXPECT_EQ(lines[0].message, message);
+      const std::string message = c.text ? Internal(c.text) : "";
+      EXPECT_EQ(run.err, message) << c.results;
+      EXPECT_EQ(Logged(syslog, c.text ? 1 : 0), c.text ? E(message) : "");
+      if (!c.text) {
+        EXPECT_TRUE(run.data == image.substr(256, 768));
+      }
+    }
+  });
+}
+
+// A 256-byte record holding `text` (zero-padded) behind its little-endian
+// CRC-32, computed bitwise to share nothing with the library's table.
+std::string Record(const std::string& text) {
+  std::string body = text;
+  body.resize(252, '\0');
+  uint32_t crc = 0xFFFFFFFFu;
+  for (const unsigned char byte : body) {
+    crc ^= byte;
+    for (int bit = 0; bit < 8; ++bit)
+      crc = (crc >> 1) ^ (0xEDB88320u & (0u - (crc & 1u)));
+  }
+  crc = ~crc;
+  std::string record;
+  for (int shift = 0; shift < 32; shift += 8)
+    record += static_cast<char>(crc >> shift);
+  return record + body;
+}
+
+TEST(HardwareId, RecordInBlockZero) {
+  QEL_REQUIRE_SANDBOX();
+  RunInSandbox([] {
+    SyslogCapture syslog;
+    const std::string x(246, 'x'), id = "[" + x + "]";
+    const std::string invalid = E("HWID: invalid ID, err 2");
+    const std::string crc = "# Failed to get HW ID: invalid CRC\n";
+    struct {
+      std::string block0, results, hwid, deviceId, err, logged;
+    } cases[] = {
+        {Record("HWID=A1B2C3"), "", "0 [A1B2C3]", "0 [A1B2C3]", "", ""},
+        {Record("HWID="), "", "0 []", "0 []", "", ""},
+        {Record("SN=1\nXHWID=ab\nHWID=c"), "", "0 [ab\nHWID=c]",
+         "0 [ab\nHWID=c]", "", ""},
+        // 252 characters: the CRC covers the last one, the ID does not.
+        {Record("HWID=" + x + "Z"), "", "0 " + id, "0 " + id, "", ""},
+        {Record(std::string(247, '-') + "HWID="), "", "10 []", "2 []", "",
+         E("HWID: invalid ID, err 10")},
+        {std::string(256, '\0'), "", "3 []", "2 []",
+         crc, E("HWID: invalid ID, err 3")},
+        {Record("hwid=A1B2C3 HWID A1"), "", "10 []", "2 []", "",
+         E("HWID: invalid ID, err 10")},
+        {Record("HWID=A1B2C3"), "0x0007", "1 []", "1 []",
+         Internal("No authentication Key"),
+         E(Internal("No authentication Key")) + "W HWID: not initialized|"},
+        {"", "", "2 []", "2 []", kNoFd, E(kNoFd) + invalid},
+        {"ioctl", "", "2 []", "2 []", kIoctlFailed, E(kIoctlFailed) + invalid},
+    };
+    for (const auto& c : cases) {
+      // "ioctl": a regular file at the node's path refuses the ioctl.
+      const bool node = c.block0.size() == 256;
+      const std::string image = node ? c.block0 + std::string(256, 'U') : "";
+      if (c.block0 == "ioctl") {
+        ASSERT_TRUE(WriteFile("/dev/mmcblk0rpmb", ""));
+      }
+      const std::string env = "QEL_RPMB_RESULTS=" + c.results;
+      EXPECT_EQ(RunOnRpmb(image, "\"$PROBE\" hwid", env).out, c.hwid + "\n");
+      syslog.Take();
+      const RpmbRun run = RunOnRpmb(image, "\"$PROBE\" deviceid", env);
+      EXPECT_EQ(run.out, c.deviceId + "\n") << c.hwid;
+      EXPECT_EQ(run.err, c.err) << c.hwid;
+      EXPECT_EQ(Logged(syslog), c.logged) << c.hwid;
+    }
+  });
+}
+
+TEST(HardwareId, NoHwidFlagInTheFirst383BytesOfTheCommandLine) {
+  QEL_REQUIRE_SANDBOX();
+  RunInSandbox([] {
+    struct {
+      std::string cmdline;
+      bool flag;
+    } cases[] = {
+        {"console=ttyS0 NOHWID root=/dev/mmcblk0p2\n", true},
+        {"console=ttyS0 opt=xNOHWIDy\n", true},
+        {"console=ttyS0 nohwid NOHWI D\n", false},
+        {std::string(377, 'a') + "NOHWID\n", true},   // ends at byte 383
+        {std::string(378, 'a') + "NOHWID\n", false},  // its "D" is byte 384
+        {"", false},
+    };
+    for (const auto& c : cases) {
+      ASSERT_TRUE(MountFile("/proc/cmdline", c.cmdline));
+      EXPECT_EQ(qel_util::system::hasFlagNOHWID(), c.flag) << c.cmdline;
     }
   });
 }

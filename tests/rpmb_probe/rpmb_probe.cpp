@@ -1,52 +1,39 @@
-// Usage:
-//   rpmb_probe read <address> <count> <file>  ReadData into a buffer that
-//       holds 1000 bytes 0xEE beforehand; prints "<result> <size>" and writes
-//       the buffer to <file>
-//   rpmb_probe hwid       GetHardwareID: prints "<code> [<id>]"
-//   rpmb_probe deviceid   GetDeviceID: prints "<error> [<id>]"
-// The library's own messages go to standard error and syslog unchanged.
+// Calls the RPMB reader from its own process, so that a test can start it
+// with the RPMB emulator preloaded:
+//   rpmb_probe read ADDRESS COUNT FILE  ReadData into 1000 bytes 0xEE; prints
+//                                       "<result> <size>", buffer to FILE
+//   rpmb_probe hwid                     prints "<code> [<id>]"
+//   rpmb_probe deviceid                 prints "<error> [<id>]"
 
 #include <cstdio>
 #include <cstdlib>
-#include <cstring>
 #include <string>
 #include <vector>
 
 #include "qel_util/system.h"
 
-namespace {
-
-int Read(const char* address, const char* count, const char* path) {
-  qel_util::MmcPrivate mmc;
-  std::vector<unsigned char> buffer(1000, 0xEE);
-  const int rc = mmc.ReadData(
-      static_cast<unsigned short>(std::strtoul(address, nullptr, 0)),
-      static_cast<unsigned short>(std::strtoul(count, nullptr, 0)), buffer);
-  std::printf("%d %zu\n", rc, buffer.size());
-  FILE* out = std::fopen(path, "wb");
-  if (out == nullptr) return 2;
-  std::fwrite(buffer.data(), 1, buffer.size(), out);
-  return std::fclose(out) == 0 ? 0 : 2;
-}
-
-}  // namespace
-
 int main(int argc, char** argv) {
   const std::string command = argc > 1 ? argv[1] : "";
-  if (command == "read" && argc == 5) return Read(argv[2], argv[3], argv[4]);
-  if (command == "hwid" && argc == 2) {
-    std::string id = "left over";
-    const int code = qel_util::MmcPrivateData().GetHardwareID(id);
-    std::printf("%d [%s]\n", code, id.c_str());
-    return 0;
+  std::string id = "left over";
+  int code = -1;
+  if (command == "read" && argc == 5) {
+    std::vector<unsigned char> buffer(1000, 0xEE);
+    code = qel_util::MmcPrivate().ReadData(
+        static_cast<unsigned short>(std::strtoul(argv[2], nullptr, 0)),
+        static_cast<unsigned short>(std::strtoul(argv[3], nullptr, 0)), buffer);
+    std::printf("%d %zu\n", code, buffer.size());
+    FILE* out = std::fopen(argv[4], "wb");
+    if (out == nullptr) return 2;
+    std::fwrite(buffer.data(), 1, buffer.size(), out);
+    return std::fclose(out) == 0 ? 0 : 2;
   }
-  if (command == "deviceid" && argc == 2) {
-    int error = -1;
-    const std::string id = qel_util::system::GetDeviceID(error);
-    std::printf("%d [%s]\n", error, id.c_str());
-    return 0;
+  if (command == "hwid") {
+    code = qel_util::MmcPrivateData().GetHardwareID(id);
+  } else if (command == "deviceid") {
+    id = qel_util::system::GetDeviceID(code);
+  } else {
+    return 2;
   }
-  std::fprintf(stderr, "usage: %s read ADDRESS COUNT FILE | hwid | deviceid\n",
-               argv[0]);
-  return 2;
+  std::printf("%d [%s]\n", code, id.c_str());
+  return 0;
 }
