@@ -3,6 +3,7 @@
 
 #include <unistd.h>
 
+#include <cstring>
 #include <stdexcept>
 #include <string>
 
@@ -31,7 +32,6 @@ struct Row {
   const char* newBarcode;
   const char* keyed = nullptr;  // what GetBarcode tells, if set
 };
-const size_t kWorkedExamples = 7;  // the first rows
 const Row kRows[] = {
     {"", "", "", 0, "", ""},
     {"", "B987654321", "", 0, "ASN=B987654321", ""},
@@ -41,11 +41,9 @@ const Row kRows[] = {
     {"A123456789,R02", "B987654321", "A123456789", 0, "B987654321,R02", kRaw},
     {"A123456789", "", "A123456789", 0, "", "ASN=A123456789,"},
     {"ASN7=A1", "", "A1", 7, ""},
-    {"ASN12=A1", "", "A1", 12, ""},
-    {"BREV=RASN2,ASN=A1", "", "A1", 2, ""},
+    {"BREV=RASN12,ASN=A1", "", "A1", 12, ""},
     {"ASN:A123456789,BREV:R02", "B987654321", "", 0, ""},
     {"ASN=A1]]", "", "A1]", 1, ""},
-    {"ASN=]", "", "", 1, ""},
     {"[BREV=R02,ASN=A123456789]", "B987654321", "A123456789", 1,
      "[BREV=R02,ASN=B987654321]"},
     {"A123456789]", "B987654321", "A123456789]", 0, "B987654321"},
@@ -61,18 +59,6 @@ const Row kRows[] = {
     {"ASN2= A123456789]\n", "B987654321", "A123456789", 2, "ASN2=B987654321]"},
 };
 
-TEST(BarcodeText, ParsesAndRewrites) {
-  for (const Row& row : kRows) {
-    int key = -1;
-    std::string newBarcode = "stale";
-    EXPECT_EQ(ParseBarcodeASN(row.raw, &key, row.newAsn, newBarcode), row.asn)
-        << row.raw << " / " << row.newAsn;
-    EXPECT_EQ(key, row.key) << row.raw;
-    EXPECT_EQ(newBarcode, row.newBarcode) << row.raw << " / " << row.newAsn;
-    if (row.keyed) { EXPECT_EQ(KeyedBarcode(row.raw), row.keyed); }
-  }
-}
-
 void ExpectReaders(const std::string& cmdline, const std::string& barcode,
                    const std::string& asn, int key) {
   ASSERT_TRUE(MountFile("/proc/cmdline", cmdline));
@@ -82,37 +68,35 @@ void ExpectReaders(const std::string& cmdline, const std::string& barcode,
   EXPECT_EQ(GetBarcode(), barcode) << cmdline;
 }
 
-TEST(BarcodeReaders, ReadTheKernelCommandLine) {
+TEST(Barcode, ParsedAndReadFromTheKernelCommandLine) {
   QEL_REQUIRE_SANDBOX();
   RunInSandbox([] {
-    for (size_t i = 0; i < kWorkedExamples; ++i) {
-      const Row& row = kRows[i];
-      if (std::string(row.raw).find(' ') == std::string::npos)
+    for (const Row& row : kRows) {
+      int key = -1;
+      std::string newBarcode = "stale";
+      EXPECT_EQ(ParseBarcodeASN(row.raw, &key, row.newAsn, newBarcode),
+                row.asn) << row.raw << " / " << row.newAsn;
+      EXPECT_EQ(key, row.key) << row.raw;
+      EXPECT_EQ(newBarcode, row.newBarcode) << row.raw << " / " << row.newAsn;
+      if (row.keyed && !strchr(row.raw, ' '))  // a space ends the parameter
         ExpectReaders(std::string("a=1 barcode=") + row.raw + " rootwait\n",
                       row.keyed, row.asn, row.key);
     }
     ExpectReaders("quiet\n", "", "", 0);
     ExpectReaders("quiet barcode=A123456789\n", "ASN=A123456789\n,",
                   "A123456789\n", 0);
-    ExpectReaders("oldbarcode=X123456789 barcode=ASN=A1\n", "ASN=X123456789,",
-                  "X123456789", 0);
     ExpectReaders(std::string(368, 'p') + " barcode=" + kRaw + "\n", "ASN=A1",
                   "A1", 1);  // the first 383 bytes only
   });
 }
 
-// The environment lives in a file initialised by the real tools;
-// "/sbin/fw_setenv" wraps the real tool, records its arguments and the switch
-// as it found it, and says "OK" on success as the device's tool does (or
-// replies with /mnt/reply and fails, when that exists).
+// "/sbin/fw_setenv" wraps the real tool on a file-backed environment, records
+// its arguments and the switch, and says "OK" on success (or /mnt/reply).
 void SetUpDevice(const std::string& cmdline) {
-  ASSERT_TRUE(MountFile("/proc/cmdline", cmdline));
-  ASSERT_TRUE(MountFile(kSwitch, "Zxyz"));
-  ASSERT_TRUE(WriteFile("/mnt/uboot.env", std::string(4096, '\0')));
-  ASSERT_TRUE(MountFile("/etc/fw_env.config", "/mnt/uboot.env 0x0 0x1000\n"));
-  ASSERT_TRUE(WriteFile("/mnt/default.env", "barcode=OLD\nbootdelay=3\n"));
-  ASSERT_EQ(Shell("/usr/bin/fw_setenv -f /mnt/default.env bootdelay 3 2>&-"),
-            0);
+  ASSERT_TRUE(MountFile("/proc/cmdline", cmdline) && MountFile(kSwitch, "Z") &&
+              MountFile("/etc/fw_env.config", "/mnt/env 0x0 0x1000\n"));
+  ASSERT_EQ(Shell("head -c 4096 /dev/zero > /mnt/env && echo barcode=OLD > "
+                  "/mnt/d && /usr/bin/fw_setenv -f /mnt/d 2>&-"), 0);
   ASSERT_TRUE(MountScript(
       "/sbin/fw_setenv",
       "printf '[%s]' \"$0\" \"$@\" > /mnt/fw_setenv.args\n"
@@ -121,9 +105,9 @@ void SetUpDevice(const std::string& cmdline) {
       "/usr/bin/fw_setenv \"$@\" && echo OK\n"));
 }
 
-std::string Stored(const std::string& name = "barcode") {
+std::string Stored() {
   std::string value;
-  Shell("/usr/bin/fw_printenv -n " + name + " 2>/dev/null", &value);
+  Shell("/usr/bin/fw_printenv -n barcode", &value);
   return value;
 }
 
@@ -133,10 +117,9 @@ TEST(SetBarcodeASN, StoresWhenTheToolSaysOKWithTheSwitchReleased) {
     SetUpDevice(std::string("a=1 barcode=") + kRaw + " rootwait\n");
     EXPECT_TRUE(SetBarcodeASN(" B987654321\t"));
     EXPECT_EQ(ReadFile(kArgs), "[/sbin/fw_setenv][barcode][" + kNew + "]");
-    EXPECT_EQ(ReadFile("/mnt/fw_setenv.switch"), "0xyz");
-    EXPECT_EQ(ReadFile(kSwitch), "1xyz");
+    EXPECT_EQ(ReadFile("/mnt/fw_setenv.switch"), "0");
+    EXPECT_EQ(ReadFile(kSwitch), "1");
     EXPECT_EQ(Stored(), kNew + "\n");
-    EXPECT_EQ(Stored("bootdelay"), "3\n");
     const std::string asn = "$(touch /mnt/x);\"`id`\" *";
     EXPECT_TRUE(SetBarcodeASN(asn));
     EXPECT_EQ(Stored(), "ASN=" + asn + ",BREV=R02\n");
@@ -146,7 +129,7 @@ TEST(SetBarcodeASN, StoresWhenTheToolSaysOKWithTheSwitchReleased) {
                               {"", false}, {"ok\n", false}, {"O K", false}}) {
       ASSERT_TRUE(WriteFile("/mnt/reply", reply.first));
       EXPECT_EQ(SetBarcodeASN("B987654321"), reply.second) << reply.first;
-      EXPECT_EQ(ReadFile(kSwitch), "1xyz");
+      EXPECT_EQ(ReadFile(kSwitch), "1");
     }
   });
 }
@@ -160,11 +143,9 @@ TEST(SetBarcodeASN, RefusesOrThrowsLeavingTheSwitchSet) {
       EXPECT_FALSE(SetBarcodeASN(asn)) << asn;
     ASSERT_TRUE(MountFile("/proc/cmdline", "barcode=ASN=A1,BREV=it's\n"));
     EXPECT_FALSE(SetBarcodeASN("B987654321"));
-    ASSERT_TRUE(MountFile("/proc/cmdline", "barcode=ASN:A123456789\n"));
-    EXPECT_FALSE(SetBarcodeASN("B987654321"));
     EXPECT_NE(access(kArgs, F_OK), 0);
     EXPECT_NE(access("/mnt/x", F_OK), 0);
-    EXPECT_EQ(ReadFile(kSwitch), "Zxyz");
+    EXPECT_EQ(ReadFile(kSwitch), "Z");
     // Room for the switch's descriptor but not for popen's pipe.
     ASSERT_TRUE(MountFile("/proc/cmdline", std::string("barcode=") + kRaw));
     auto thrown =
@@ -172,7 +153,7 @@ TEST(SetBarcodeASN, RefusesOrThrowsLeavingTheSwitchSet) {
     ASSERT_TRUE(thrown);
     EXPECT_THAT([&] { std::rethrow_exception(thrown); },
                 testing::ThrowsMessage<std::runtime_error>("popen() failed!"));
-    EXPECT_EQ(ReadFile(kSwitch), "1xyz");
+    EXPECT_EQ(ReadFile(kSwitch), "1");
     EXPECT_EQ(Stored(), "OLD\n");
   });
 }

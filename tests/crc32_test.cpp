@@ -1,14 +1,11 @@
-// CRC-32 against the published check values and zlib's crc32 on random data.
-
 #if QEL_TEST_HAVE_ZLIB
 #include <zlib.h>
 #endif
 
-#include <cstdint>
+#include <gtest/gtest.h>
+
 #include <random>
 #include <vector>
-
-#include <gtest/gtest.h>
 
 #include "qel_util/hw.h"
 
@@ -17,13 +14,11 @@ namespace {
 using qel_util::Crc32;
 
 TEST(Crc32, CheckValues) {
-  const uint8_t ones[4] = {0xFF, 0xFF, 0xFF, 0xFF};
-  const std::vector<uint8_t> zeros(252, 0);  // an all-zero hardware-ID record
   EXPECT_EQ(Crc32(nullptr, 0), 0u);
   EXPECT_EQ(Crc32("123456789", 9), 0xCBF43926u);
   EXPECT_EQ(Crc32("a", 1), 0xE8B7BE43u);
-  EXPECT_EQ(Crc32(ones, 4), 0xFFFFFFFFu);
-  EXPECT_EQ(Crc32(zeros.data(), 252), 0xA66359F1u);
+  EXPECT_EQ(Crc32("\xFF\xFF\xFF\xFF", 4), 0xFFFFFFFFu);
+  EXPECT_EQ(Crc32(std::vector<char>(252).data(), 252), 0xA66359F1u);
 }
 
 TEST(Crc32, MatchesZlibOnRandomBuffers) {

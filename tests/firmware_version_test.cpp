@@ -1,7 +1,5 @@
 // The firmware version: the version script's output without its line end.
 
-#include <string>
-
 #include <gtest/gtest.h>
 
 #include "qel_util/system.h"

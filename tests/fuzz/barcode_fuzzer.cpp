@@ -20,10 +20,9 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   const auto npos = std::string::npos;
 
   const std::string fromCmdline = BarcodeFromCmdline(raw);
-  check(fromCmdline.find(' ') == npos && raw.find(fromCmdline) != npos);
   const std::string keyed = KeyedBarcode(raw);
-  check(keyed.empty() == raw.empty());
-  check(raw.empty() || keyed.find(asn_key) != npos);
+  check(fromCmdline.find(' ') == npos && raw.find(fromCmdline) != npos);
+  check(raw.empty() ? keyed.empty() : keyed.find(asn_key) != npos);
 
   int key = -1, newKey = -1, readKey = -1;
   std::string newBarcode = "stale", unused;

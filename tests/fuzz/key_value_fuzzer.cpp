@@ -1,5 +1,5 @@
-// GetKeyValue and TrimSpace on arbitrary texts, keys and end sets, checked
-// against what the value must be rather than how it is found.
+// GetKeyValue and TrimSpace on arbitrary input, checked against what the
+// value must be: behind the first key, ended by an end character or the end.
 
 #include <fuzzer/FuzzedDataProvider.h>
 
@@ -15,8 +15,6 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   const std::string text = input.ConsumeRemainingBytesAsString();
   auto check = [](bool ok) { if (!ok) std::abort(); };
 
-  // Right behind the first key, free of end characters, ended by one or by
-  // the end of the text.
   const std::string value = qel_util::system::GetKeyValue(text, key, ends);
   const size_t at = text.find(key), end = at + key.size() + value.size();
   check(at != std::string::npos || value.empty());
@@ -25,7 +23,6 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     check(value.find_first_of(ends) == std::string::npos);
     check(end == text.size() || ends.find(text[end]) != std::string::npos);
   }
-
   const std::string spaces = " \t\f\v\n\r";
   const std::string trimmed = qel_util::system::TrimSpace(text);
   const size_t first = text.find_first_not_of(spaces);
