@@ -22,15 +22,12 @@ using namespace qel_test;
 const char kSwitch[] = "/sys/block/mmcblk0boot0/force_ro";
 const char kArgs[] = "/mnt/fw_setenv.args";
 const char kRaw[] = "ASN=A123456789,BREV=R02";
-const std::string kNew = "ASN=B987654321,BREV=R02";
-const std::string kC30(30, 'C'), kC31(31, 'C'), kSp30 = " " + kC30 + "\t",
+const std::string kNew = "ASN=B987654321,BREV=R02", kC30(30, 'C'),
+                  kC31(31, 'C'), kSp30 = " " + kC30 + "\t",
                   kWith30 = "ASN=" + kC30 + ",BREV=R02";
 
-struct Row {
-  const char *raw, *newAsn, *asn;
-  int key;
-  const char* newBarcode;
-  const char* keyed = nullptr;  // what GetBarcode tells, if set
+struct Row {  // keyed: what GetBarcode tells, if set
+  const char *raw, *newAsn, *asn; int key; const char *newBarcode, *keyed = 0;
 };
 const Row kRows[] = {
     {"", "", "", 0, "", ""},
@@ -42,11 +39,9 @@ const Row kRows[] = {
     {"A123456789", "", "A123456789", 0, "", "ASN=A123456789,"},
     {"ASN7=A1", "", "A1", 7, ""},
     {"BREV=RASN12,ASN=A1", "", "A1", 12, ""},
-    {"ASN:A123456789,BREV:R02", "B987654321", "", 0, ""},
     {"ASN=A1]]", "", "A1]", 1, ""},
     {"[BREV=R02,ASN=A123456789]", "B987654321", "A123456789", 1,
      "[BREV=R02,ASN=B987654321]"},
-    {"A123456789]", "B987654321", "A123456789]", 0, "B987654321"},
     // The new ASN's length, 10 to 30, counts after trimming.
     {kRaw, " B98765432 ", "A123456789", 1, ""},
     {kRaw, " B987654321\n", "A123456789", 1, kNew.c_str()},
@@ -82,11 +77,6 @@ TEST(Barcode, ParsedAndReadFromTheKernelCommandLine) {
         ExpectReaders(std::string("a=1 barcode=") + row.raw + " rootwait\n",
                       row.keyed, row.asn, row.key);
     }
-    ExpectReaders("quiet\n", "", "", 0);
-    ExpectReaders("quiet barcode=A123456789\n", "ASN=A123456789\n,",
-                  "A123456789\n", 0);
-    ExpectReaders(std::string(368, 'p') + " barcode=" + kRaw + "\n", "ASN=A1",
-                  "A1", 1);  // the first 383 bytes only
   });
 }
 
@@ -146,7 +136,6 @@ TEST(SetBarcodeASN, RefusesOrThrowsLeavingTheSwitchSet) {
     EXPECT_NE(access(kArgs, F_OK), 0);
     EXPECT_NE(access("/mnt/x", F_OK), 0);
     EXPECT_EQ(ReadFile(kSwitch), "Z");
-    // Room for the switch's descriptor but not for popen's pipe.
     ASSERT_TRUE(MountFile("/proc/cmdline", std::string("barcode=") + kRaw));
     auto thrown =
         ThrownWithDescriptorLimit(1, [] { SetBarcodeASN("B987654321"); });

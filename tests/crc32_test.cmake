@@ -1,5 +1,4 @@
-# zlib is the reference; a cross build may have none for the target, and
-# then only the check values run.
+# zlib is the reference; a cross build without it runs the check values only.
 find_package(ZLIB)
 if(ZLIB_FOUND)
   target_link_libraries(crc32_test PRIVATE ZLIB::ZLIB)

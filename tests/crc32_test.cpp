@@ -9,8 +9,6 @@
 
 #include "qel_util/hw.h"
 
-namespace {
-
 using qel_util::Crc32;
 
 TEST(Crc32, CheckValues) {
@@ -38,5 +36,3 @@ TEST(Crc32, MatchesZlibOnRandomBuffers) {
   GTEST_SKIP() << "no zlib for this target to compare with";
 #endif
 }
-
-}  // namespace

@@ -5,14 +5,9 @@
 #include "qel_util/system.h"
 #include "support/sandbox.h"
 
-namespace {
-
 TEST(SerialNumber, LastTwelveCharactersOfTheFirstLineInUpperCase) {
   QEL_REQUIRE_SANDBOX();
-  const struct {
-    std::string cid, text;
-    unsigned long long number;
-  } cases[] = {
+  const struct { std::string cid, text; unsigned long long number; } cases[] = {
       {"0123456789abcdef0123456789abcdef\n", "456789ABCDEF", 0x456789ABCDEFull},
       {"fe0123456789ffffffffffff", "FFFFFFFFFFFF", 0xFFFFFFFFFFFFull},
       {"abcdef0123456789abcdef \t\v\f\r\n", "456789ABCDEF", 0x456789ABCDEFull},
@@ -35,5 +30,3 @@ TEST(SerialNumber, LastTwelveCharactersOfTheFirstLineInUpperCase) {
     EXPECT_EQ(qel_util::system::serialNumber(), 0ull);
   });
 }
-
-}  // namespace

@@ -28,8 +28,7 @@ std::string Text(size_t size, unsigned seed) {
 TEST(KernelCmdline, KeepsTheFirst383BytesUpToAZeroByte) {
   QEL_REQUIRE_SANDBOX();
   RunInSandbox([] {
-    const std::string random = Text(1000, 1), exact(382, 'x');
-    const std::string y383(383, 'y');
+    const std::string random = Text(1000, 1), exact(382, 'x'), y383(383, 'y');
     for (const auto& c : Cases{{random, random.substr(0, 383)},
                                {exact + "\n", exact + "\n"},
                                {y383 + "\n", y383},
@@ -43,8 +42,7 @@ TEST(KernelCmdline, KeepsTheFirst383BytesUpToAZeroByte) {
 TEST(Exec, CapturesOutputsExactly) {
   QEL_REQUIRE_SANDBOX();
   RunInSandbox([] {
-    // Megabytes with lines far beyond a read chunk; and reads take at most
-    // 127 bytes, stop behind a newline, and a zero byte cuts its chunk only.
+    // Megabytes; reads of up to 127 bytes, a zero byte cuts its chunk only.
     const std::string big = Text(3 << 20, 2) + std::string(70000, 'L') + "\n";
     const std::string zeros =
         std::string("ab\0cd\n", 6) + std::string(10, 'A') + '\0' +

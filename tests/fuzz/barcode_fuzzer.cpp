@@ -1,11 +1,9 @@
-// The barcode's text rules on arbitrary command lines, barcodes and new
-// ASNs. Beyond not crashing, a barcode written with a new ASN must read back
-// as that ASN with the same key number.
+// The barcode's text rules on arbitrary input: a barcode written with a new
+// ASN must read back as that ASN with the same key number.
 
 #include <fuzzer/FuzzedDataProvider.h>
 
 #include <cstdlib>
-#include <string>
 
 #include "qel_util/system.h"
 #include "system/barcode.h"
@@ -18,7 +16,6 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   const std::string raw = input.ConsumeRemainingBytesAsString();
   auto check = [](bool ok) { if (!ok) std::abort(); };
   const auto npos = std::string::npos;
-
   const std::string fromCmdline = BarcodeFromCmdline(raw);
   const std::string keyed = KeyedBarcode(raw);
   check(fromCmdline.find(' ') == npos && raw.find(fromCmdline) != npos);
@@ -31,7 +28,6 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   check(newBarcode.empty() && (isKeyed || key == 0));
   check(ParseBarcodeASN(raw, &newKey, newAsn, newBarcode) == asn &&
         newKey == key);
-
   const std::string trimmed = TrimSpace(newAsn);
   if (trimmed.size() < kMinAsnLength || trimmed.size() > kMaxAsnLength)
     check(newBarcode.empty());
