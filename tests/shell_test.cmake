@@ -1,2 +1,2 @@
-# The kernel command line reader is internal to the library: built in here.
+# The kernel command line reader is internal: built in to test it directly.
 target_sources(shell_test PRIVATE ${PROJECT_SOURCE_DIR}/system/kernel_cmdline.cpp)
