@@ -4,10 +4,8 @@
 #include <fcntl.h>
 #include <sys/resource.h>
 #include <unistd.h>
-
 #include <exception>
 #include <functional>
-
 #include <gtest/gtest.h>
 
 namespace qel_test {

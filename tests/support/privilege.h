@@ -4,10 +4,8 @@
 #include <linux/capability.h>
 #include <sys/syscall.h>
 #include <unistd.h>
-
 #include <cerrno>
 #include <cstring>
-
 #include <gtest/gtest.h>
 
 namespace qel_test {

@@ -4,12 +4,10 @@
 #include <fcntl.h>
 #include <sys/mman.h>
 #include <unistd.h>
-
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
 #include <string>
-
 #include <gtest/gtest.h>
 
 namespace qel_test {

@@ -5,12 +5,10 @@
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <unistd.h>
-
 #include <chrono>
 #include <cstring>
 #include <string>
 #include <vector>
-
 #include <gtest/gtest.h>
 
 namespace qel_test {
@@ -70,13 +68,12 @@ class SyslogCapture {
           deadline - std::chrono::steady_clock::now()).count();
       // Collect what is there already; wait only while more is expected.
       const int wait = lines.size() >= count ? 0 : std::max<int>(0, left);
-      if (poll(&ready, 1, wait) <= 0) {
-        if (lines.size() >= count || left <= 0) return lines;
-        continue;
-      }
       char datagram[8192];
-      ssize_t n = recv(m_fd, datagram, sizeof datagram, MSG_DONTWAIT);
-      if (n >= 0) lines.push_back(ParseSyslogLine(std::string(datagram, n)));
+      if (poll(&ready, 1, wait) <= 0) {
+        if (wait == 0) return lines;
+      } else if (ssize_t n = recv(m_fd, datagram, sizeof datagram, MSG_DONTWAIT); n >= 0) {
+        lines.push_back(ParseSyslogLine(std::string(datagram, n)));
+      }
     }
   }
 
