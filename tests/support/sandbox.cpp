@@ -32,8 +32,7 @@ std::string Tmpfs(const std::string& dir, const char* mode = "mode=0755") {
 }
 
 std::string EnterNamespaces(const SandboxOptions& options) {
-  const std::string uid = std::to_string(geteuid());
-  const std::string gid = std::to_string(getegid());
+  const std::string uid = std::to_string(geteuid()), gid = std::to_string(getegid());
   auto put = [](const char* path, const std::string& text) {
     return (std::ofstream(path) << text).flush().good();
   };
@@ -137,8 +136,8 @@ std::string Probe() {
     std::strncpy(static_cast<char*>(shared), why.c_str(), kSize - 1);
     _exit(0);
   }
-  std::string why = pid < 0 ? Failed("fork")
-                            : (WaitForExit(pid), static_cast<char*>(shared));
+  const std::string why =
+      pid < 0 ? Failed("fork") : (WaitForExit(pid), static_cast<char*>(shared));
   munmap(shared, kSize);
   return why;
 }
@@ -195,8 +194,8 @@ bool MakeDirs(const std::string& path, unsigned mode) {
 }
 
 bool MountTmpfs(const std::string& dir) {
-  std::string why = Tmpfs(dir);
-  if (!why.empty()) ADD_FAILURE() << why;
+  const std::string why = Tmpfs(dir);
+  EXPECT_EQ(why, "");
   return why.empty();
 }
 

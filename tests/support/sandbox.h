@@ -1,14 +1,13 @@
 #ifndef QEL_TESTS_SUPPORT_SANDBOX_H_
 #define QEL_TESTS_SUPPORT_SANDBOX_H_
 
-// Runs a test body in a forked child inside private mount and IPC namespaces
-// (through a user namespace when not root). There "/dev" is a private tmpfs
-// with the usual nodes, so "/dev/log" can be a test's own listener, and
-// "/run" (hence "/var/run"), "/mnt" (the scratch area) and "/home" are empty.
+// Runs a test body in a forked child in private mount and IPC namespaces
+// (inside a user namespace when not root), where "/dev" is a private tmpfs
+// with the usual nodes ("/dev/log" is free) and "/run", "/mnt" (scratch) and
+// "/home" are empty tmpfs.
 
 #include <functional>
 #include <string>
-
 #include <gtest/gtest.h>
 
 namespace qel_test {
@@ -33,22 +32,20 @@ const std::string& SandboxUnavailable();
 void RunInSandbox(const std::function<void()>& body,
                   SandboxOptions options = {});
 
-// Fixture helpers for use inside a sandbox: each fails the test on error and
-// returns whether it worked.
+// Fixture helpers for a sandbox: each fails the test on error.
 std::string ScratchPath(const std::string& name);  // "/mnt/<name>"
 bool WriteFile(const std::string& path, const std::string& content,
                unsigned mode = 0644);
 std::string ReadFile(const std::string& path);  // "" when unreadable
 bool MakeDirs(const std::string& path, unsigned mode = 0755);
 bool MountTmpfs(const std::string& dir);
-// Puts `content` over `target` (bind mount of a scratch file); a missing
-// target is created, its host ancestors overlaid so the host is not touched.
+// Binds a scratch file over `target`; a missing one is created, under an
+// overlay when on the host's file systems.
 bool MountFile(const std::string& target, const std::string& content,
                unsigned mode = 0644);
 bool MountScript(const std::string& target, const std::string& script);
 
-// Runs `command` with /bin/sh: its exit status (-1 if it could not run) and
-// its standard output.
+// Exit status of `command` run by /bin/sh (-1 if it could not), and output.
 int Shell(const std::string& command, std::string* output = nullptr);
 
 // Descriptors open in this process, as "number -> target" lines.
