@@ -1,17 +1,15 @@
-// Test main: every test must leave the process with the descriptors it found.
-
 #include <gmock/gmock.h>
-#include <gtest/gtest.h>
 
 #include "support/sandbox.h"
 
 namespace {
 
-class DescriptorLeakCheck : public ::testing::EmptyTestEventListener {
-  void OnTestStart(const ::testing::TestInfo&) override {
+// Every test must leave the process with the descriptors it found.
+class DescriptorLeakCheck : public testing::EmptyTestEventListener {
+  void OnTestStart(const testing::TestInfo&) override {
     m_before = qel_test::OpenDescriptors();
   }
-  void OnTestEnd(const ::testing::TestInfo&) override {
+  void OnTestEnd(const testing::TestInfo&) override {
     EXPECT_EQ(m_before, qel_test::OpenDescriptors())
         << "the test leaked or closed a descriptor";
   }
@@ -21,8 +19,7 @@ class DescriptorLeakCheck : public ::testing::EmptyTestEventListener {
 }  // namespace
 
 int main(int argc, char** argv) {
-  ::testing::InitGoogleMock(&argc, argv);
-  ::testing::UnitTest::GetInstance()->listeners().Append(
-      new DescriptorLeakCheck);
+  testing::InitGoogleMock(&argc, argv);
+  testing::UnitTest::GetInstance()->listeners().Append(new DescriptorLeakCheck);
   return RUN_ALL_TESTS();
 }

@@ -2,17 +2,12 @@
 
 #include <dirent.h>
 #include <fcntl.h>
-#include <net/if.h>
-#include <sched.h>
-#include <sys/ioctl.h>
+#include <sys/mman.h>
 #include <sys/mount.h>
-#include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
-
 #include <cerrno>
-#include <cstdio>
 #include <cstring>
 #include <fstream>
 #include <sstream>
@@ -27,106 +22,70 @@ std::string Failed(const std::string& what) {
   return what + ": " + std::strerror(errno);
 }
 
-bool WriteWhole(const char* path, const std::string& text) {
-  int fd = open(path, O_WRONLY | O_CLOEXEC);
-  if (fd < 0) return false;
-  bool ok = write(fd, text.data(), text.size()) ==
-            static_cast<ssize_t>(text.size());
-  close(fd);
-  return ok;
+bool Bind(const std::string& from, const std::string& to, int flags = 0) {
+  return mount(from.c_str(), to.c_str(), nullptr, MS_BIND | flags, nullptr) == 0;
+}
+
+std::string Tmpfs(const std::string& dir, const char* mode = "mode=0755") {
+  return mount("tmpfs", dir.c_str(), "tmpfs", 0, mode) == 0
+             ? "" : Failed("tmpfs on " + dir);
 }
 
 std::string EnterNamespaces(const SandboxOptions& options) {
-  const uid_t uid = geteuid();
-  const gid_t gid = getegid();
-  if (uid != 0) {
-    // A non-root developer gets root inside a user namespace of its own.
-    if (unshare(CLONE_NEWUSER) != 0) {
-      // The kernel refuses a user namespace to a process with more than one
-      // thread; under qemu-user the emulator's own threads are always there.
-      if (errno == EINVAL)
-        return Failed("unshare(CLONE_NEWUSER)") +
-               " (the process is not single-threaded, e.g. under qemu-user;"
-               " run as root)";
-      return Failed("unshare(CLONE_NEWUSER)");
-    }
-    WriteWhole("/proc/self/setgroups", "deny");
-    if (!WriteWhole("/proc/self/uid_map", "0 " + std::to_string(uid) + " 1"))
-      return Failed("uid_map");
-    if (!WriteWhole("/proc/self/gid_map", "0 " + std::to_string(gid) + " 1"))
-      return Failed("gid_map");
+  const std::string uid = std::to_string(geteuid()), gid = std::to_string(getegid());
+  auto put = [](const char* path, const std::string& text) {
+    return (std::ofstream(path) << text).flush().good();
+  };
+  if (uid != "0") {  // root inside a user namespace of our own
+    if (unshare(CLONE_NEWUSER) != 0)
+      return Failed("unshare(CLONE_NEWUSER)") +
+             (errno == EINVAL ? " (the process is not single-threaded, e.g."
+                                " under qemu-user; run as root)" : "");
+    put("/proc/self/setgroups", "deny");
+    if (!put("/proc/self/uid_map", "0 " + uid + " 1") ||
+        !put("/proc/self/gid_map", "0 " + gid + " 1"))
+      return Failed("mapping the user");
   }
-  int flags = CLONE_NEWNS | CLONE_NEWIPC;
-  if (options.network) flags |= CLONE_NEWNET;
-  if (options.pid) flags |= CLONE_NEWPID;
-  if (unshare(flags) != 0) return Failed("unshare");
+  if (unshare(CLONE_NEWNS | CLONE_NEWIPC | (options.network ? CLONE_NEWNET : 0) |
+              (options.pid ? CLONE_NEWPID : 0)) != 0)
+    return Failed("unshare");
   if (mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0)
     return Failed("making / private");
   return "";
 }
 
-std::string MountTmpfsAt(const char* dir) {
-  if (mount("tmpfs", dir, "tmpfs", 0, "mode=0755") != 0)
-    return Failed(std::string("tmpfs on ") + dir);
-  return "";
-}
-
-// A private /dev keeps the host's device nodes but lets a test own /dev/log.
-std::string PrivateDev() {
-  const char* kStage = "/mnt/.hostdev";
-  if (mkdir(kStage, 0755) != 0) return Failed("mkdir stage");
-  if (mount("/dev", kStage, nullptr, MS_BIND | MS_REC, nullptr) != 0)
-    return Failed("binding /dev");
-  std::string why = MountTmpfsAt("/dev");
-  if (!why.empty()) return why;
-  for (const char* node : {"null", "zero", "full", "random", "urandom", "tty",
+// "/dev" becomes a tmpfs, where a test can own "/dev/log", with the host's
+// nodes bound in from a stage.
+std::string PrepareFileSystem() {
+  std::string why;
+  for (const char* dir : {"/mnt", "/run", "/home"})
+    if (why.empty()) why = Tmpfs(dir);
+  const std::string stage = "/mnt/.hostdev";
+  if (why.empty() && (mkdir(stage.c_str(), 0755) || !Bind("/dev", stage, MS_REC)))
+    why = Failed("binding /dev");
+  if (!why.empty() || !(why = Tmpfs("/dev")).empty()) return why;
+  for (std::string node : {"null", "zero", "full", "random", "urandom", "tty",
                            "ptmx"}) {
-    std::string from = std::string(kStage) + "/" + node;
-    std::string to = std::string("/dev/") + node;
-    int fd = open(to.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0666);
-    if (fd >= 0) close(fd);
-    if (mount(from.c_str(), to.c_str(), nullptr, MS_BIND, nullptr) != 0)
-      return Failed("binding " + to);
+    close(open(("/dev/" + node).c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0666));
+    if (!Bind(stage + "/" + node, "/dev/" + node)) return Failed("bind " + node);
   }
   mkdir("/dev/pts", 0755);
-  mount((std::string(kStage) + "/pts").c_str(), "/dev/pts", nullptr,
-        MS_BIND | MS_REC, nullptr);
+  Bind(stage + "/pts", "/dev/pts", MS_REC);
   mkdir("/dev/shm", 01777);
-  mount("tmpfs", "/dev/shm", "tmpfs", 0, "mode=1777");
-  symlink("/proc/self/fd", "/dev/fd");
-  symlink("/proc/self/fd/0", "/dev/stdin");
-  symlink("/proc/self/fd/1", "/dev/stdout");
-  symlink("/proc/self/fd/2", "/dev/stderr");
-  umount2(kStage, MNT_DETACH);
-  rmdir(kStage);
+  Tmpfs("/dev/shm", "mode=1777");
+  const char* links[][2] = {{"", "fd"}, {"/0", "stdin"}, {"/1", "stdout"},
+                            {"/2", "stderr"}};
+  for (auto& link : links)
+    symlink((std::string("/proc/self/fd") + link[0]).c_str(),
+            (std::string("/dev/") + link[1]).c_str());
+  umount2(stage.c_str(), MNT_DETACH);
+  rmdir(stage.c_str());
   return "";
-}
-
-std::string PrepareFileSystem() {
-  for (const char* dir : {"/mnt", "/run", "/home"}) {
-    std::string why = MountTmpfsAt(dir);
-    if (!why.empty()) return why;
-  }
-  return PrivateDev();
-}
-
-void LoopbackUp() {
-  int fd = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
-  if (fd < 0) return;
-  ifreq request{};
-  std::strncpy(request.ifr_name, "lo", IFNAMSIZ - 1);
-  if (ioctl(fd, SIOCGIFFLAGS, &request) == 0) {
-    request.ifr_flags |= IFF_UP;
-    ioctl(fd, SIOCSIFFLAGS, &request);
-  }
-  close(fd);
 }
 
 int WaitForExit(pid_t pid) {
-  int status = 0;
-  while (waitpid(pid, &status, 0) < 0) {
-    if (errno != EINTR) return -1;
-  }
+  int status = -1;
+  while (waitpid(pid, &status, 0) < 0 && errno == EINTR) {}
   return status;
 }
 
@@ -134,24 +93,21 @@ int WaitForExit(pid_t pid) {
                            const SandboxOptions& options) {
   std::string why = EnterNamespaces(options);
   if (options.pid && why.empty()) {
-    // Only children of the caller enter the new PID namespace.
-    pid_t inner = fork();
-    if (inner < 0) {
-      why = Failed("fork into the PID namespace");
-    } else if (inner > 0) {
+    pid_t inner = fork();  // only children enter the new PID namespace
+    if (inner > 0) {
       int status = WaitForExit(inner);
       _exit(WIFEXITED(status) ? WEXITSTATUS(status) : 1);
-    } else if (mount("proc", "/proc", "proc", 0, nullptr) != 0) {
-      why = Failed("mounting /proc");
     }
+    if (inner < 0 || mount("proc", "/proc", "proc", 0, nullptr) != 0)
+      why = Failed("a PID namespace with its /proc");
   }
   if (why.empty()) why = PrepareFileSystem();
+  if (why.empty() && options.network && Shell("ip link set lo up") != 0)
+    why = "cannot bring lo up";
   if (!why.empty()) {
     std::fprintf(stderr, "sandbox: %s\n", why.c_str());
     _exit(kSetupFailedStatus);
   }
-  if (options.network) LoopbackUp();
-
   const std::string before = OpenDescriptors();
   try {
     body();
@@ -160,40 +116,29 @@ int WaitForExit(pid_t pid) {
   } catch (...) {
     ADD_FAILURE() << "the sandboxed body threw";
   }
-  const std::string after = OpenDescriptors();
-  EXPECT_EQ(before, after) << "descriptors leaked inside the sandbox";
+  EXPECT_EQ(before, OpenDescriptors()) << "descriptors leaked in the sandbox";
   std::fflush(nullptr);
-  if (::testing::Test::HasFailure()) _exit(1);
-  _exit(::testing::Test::IsSkipped() ? kSkipStatus : 0);
+  _exit(testing::Test::HasFailure() ? 1
+        : testing::Test::IsSkipped() ? kSkipStatus : 0);
 }
 
+// Tries every namespace in a child, which leaves why not in shared memory.
 std::string Probe() {
-  int channel[2];
-  if (pipe2(channel, O_CLOEXEC) != 0) return Failed("pipe");
+  constexpr size_t kSize = 512;
+  void* shared = mmap(nullptr, kSize, PROT_READ | PROT_WRITE,
+                      MAP_SHARED | MAP_ANONYMOUS, -1, 0);
+  if (shared == MAP_FAILED) return Failed("mmap");
   std::fflush(nullptr);
-  pid_t pid = fork();
-  if (pid < 0) {
-    close(channel[0]);
-    close(channel[1]);
-    return Failed("fork");
-  }
+  const pid_t pid = fork();
   if (pid == 0) {
-    close(channel[0]);
-    SandboxOptions all;
-    all.network = true;
-    all.pid = true;
-    std::string why = EnterNamespaces(all);
+    std::string why = EnterNamespaces({true, true});
     if (why.empty()) why = PrepareFileSystem();
-    if (write(channel[1], why.data(), why.size()) < 0) _exit(2);
+    std::strncpy(static_cast<char*>(shared), why.c_str(), kSize - 1);
     _exit(0);
   }
-  close(channel[1]);
-  std::string why;
-  char chunk[256];
-  ssize_t n;
-  while ((n = read(channel[0], chunk, sizeof chunk)) > 0) why.append(chunk, n);
-  close(channel[0]);
-  WaitForExit(pid);
+  const std::string why =
+      pid < 0 ? Failed("fork") : (WaitForExit(pid), static_cast<char*>(shared));
+  munmap(shared, kSize);
   return why;
 }
 
@@ -210,9 +155,8 @@ void RunInSandbox(const std::function<void()>& body, SandboxOptions options) {
   ASSERT_GE(pid, 0) << std::strerror(errno);
   if (pid == 0) RunChild(body, options);
   int status = WaitForExit(pid);
-  ASSERT_TRUE(WIFEXITED(status))
-      << "the sandboxed body died with signal "
-      << (WIFSIGNALED(status) ? WTERMSIG(status) : 0);
+  ASSERT_TRUE(WIFEXITED(status)) << "the sandboxed body died with signal "
+                                 << (WIFSIGNALED(status) ? WTERMSIG(status) : 0);
   if (WEXITSTATUS(status) == kSkipStatus) GTEST_SKIP() << "skipped inside";
   ASSERT_NE(WEXITSTATUS(status), kSetupFailedStatus)
       << "the sandbox could not be set up (see above)";
@@ -225,22 +169,16 @@ std::string ScratchPath(const std::string& name) { return "/mnt/" + name; }
 bool WriteFile(const std::string& path, const std::string& content,
                unsigned mode) {
   int fd = open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, mode);
-  if (fd < 0) {
-    ADD_FAILURE() << Failed("creating " + path);
-    return false;
-  }
-  bool ok = write(fd, content.data(), content.size()) ==
-            static_cast<ssize_t>(content.size());
-  ok = fchmod(fd, mode) == 0 && ok;
-  close(fd);
+  bool ok = fd >= 0 && fchmod(fd, mode) == 0 &&
+            write(fd, content.data(), content.size()) == ssize_t(content.size());
   if (!ok) ADD_FAILURE() << Failed("writing " + path);
+  if (fd >= 0) close(fd);
   return ok;
 }
 
 std::string ReadFile(const std::string& path) {
-  std::ifstream in(path, std::ios::binary);
   std::ostringstream text;
-  text << in.rdbuf();
+  text << std::ifstream(path, std::ios::binary).rdbuf();
   return text.str();
 }
 
@@ -256,68 +194,46 @@ bool MakeDirs(const std::string& path, unsigned mode) {
 }
 
 bool MountTmpfs(const std::string& dir) {
-  std::string why = MountTmpfsAt(dir.c_str());
-  if (!why.empty()) ADD_FAILURE() << why;
+  const std::string why = Tmpfs(dir);
+  EXPECT_EQ(why, "");
   return why.empty();
 }
-
-namespace {
-
-bool OnSandboxTmpfs(const std::string& path) {
-  for (const char* root : {"/mnt", "/run", "/home", "/dev"}) {
-    size_t n = std::strlen(root);
-    if (path.compare(0, n, root) == 0 && (path.size() == n || path[n] == '/'))
-      return true;
-  }
-  return false;
-}
-
-// Makes `dir` writable without touching the host: an overlay whose upper
-// layer lives in the scratch tmpfs.
-bool OverlayDir(const std::string& dir) {
-  static int count = 0;
-  std::string base = ScratchPath(".overlay" + std::to_string(++count));
-  if (!MakeDirs(base + "/upper") || !MakeDirs(base + "/work")) return false;
-  std::string options = "lowerdir=" + dir + ",upperdir=" + base +
-                        "/upper,workdir=" + base + "/work";
-  if (mount("overlay", dir.c_str(), "overlay", 0, options.c_str()) != 0) {
-    ADD_FAILURE() << Failed("overlay on " + dir);
-    return false;
-  }
-  return true;
-}
-
-std::string Parent(const std::string& path) {
-  size_t slash = path.rfind('/');
-  return slash == 0 ? "/" : path.substr(0, slash);
-}
-
-}  // namespace
 
 bool MountFile(const std::string& target, const std::string& content,
                unsigned mode) {
   static int count = 0;
+  const std::string scratch = ScratchPath(".fixture" + std::to_string(++count));
+  auto parent = [](const std::string& path) {
+    return path.substr(0, std::max<size_t>(path.rfind('/'), 1));
+  };
   struct stat st;
-  if (stat(target.c_str(), &st) != 0) {
-    std::string ancestor = Parent(target);
-    while (stat(ancestor.c_str(), &st) != 0) ancestor = Parent(ancestor);
-    if (!OnSandboxTmpfs(ancestor) && !OverlayDir(ancestor)) return false;
-    if (!MakeDirs(Parent(target))) return false;
-    return WriteFile(target, content, mode);
-  }
-  std::string fixture = ScratchPath(".fixture" + std::to_string(++count));
-  if (!WriteFile(fixture, content, mode)) return false;
-  if (mount(fixture.c_str(), target.c_str(), nullptr, MS_BIND, nullptr) != 0) {
+  std::string dir = target;
+  while (stat(dir.c_str(), &st) != 0) dir = parent(dir);
+  if (dir == target) {
+    if (!WriteFile(scratch, content, mode)) return false;
+    if (Bind(scratch, target)) return true;
     ADD_FAILURE() << Failed("binding over " + target);
     return false;
   }
-  return true;
+  bool sandboxed = false;  // on a private tmpfs already
+  for (std::string root : {"/mnt/", "/run/", "/home/", "/dev/"})
+    sandboxed |= (dir + "/").compare(0, root.size(), root) == 0;
+  if (!sandboxed) {  // an overlay keeps the new file off the host
+    if (!MakeDirs(scratch + "/upper") || !MakeDirs(scratch + "/work"))
+      return false;
+    const std::string layers = "lowerdir=" + dir + ",upperdir=" + scratch +
+                               "/upper,workdir=" + scratch + "/work";
+    if (mount("overlay", dir.c_str(), "overlay", 0, layers.c_str()) != 0) {
+      ADD_FAILURE() << Failed("overlay on " + dir);
+      return false;
+    }
+  }
+  return MakeDirs(parent(target)) && WriteFile(target, content, mode);
 }
 
 bool MountScript(const std::string& target, const std::string& script) {
-  std::string text = script.compare(0, 2, "#!") == 0 ? script
-                                                     : "#!/bin/sh\n" + script;
-  return MountFile(target, text, 0755);
+  return MountFile(target, script.compare(0, 2, "#!") == 0
+                               ? script : "#!/bin/sh\n" + script, 0755);
 }
 
 int Shell(const std::string& command, std::string* output) {
@@ -326,9 +242,9 @@ int Shell(const std::string& command, std::string* output) {
   if (pipe == nullptr) return -1;
   std::string text;
   char chunk[4096];
-  size_t n;
-  while ((n = fread(chunk, 1, sizeof chunk, pipe)) > 0) text.append(chunk, n);
-  int status = pclose(pipe);
+  for (size_t n; (n = fread(chunk, 1, sizeof chunk, pipe)) > 0;)
+    text.append(chunk, n);
+  const int status = pclose(pipe);
   if (output != nullptr) *output = text;
   return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
 }
@@ -336,15 +252,14 @@ int Shell(const std::string& command, std::string* output) {
 std::string OpenDescriptors() {
   std::string list;
   DIR* dir = opendir("/proc/self/fd");
-  if (dir == nullptr) return list;
-  while (dirent* entry = readdir(dir)) {
-    if (entry->d_name[0] == '.' || atoi(entry->d_name) == dirfd(dir)) continue;
+  while (dirent* entry = dir ? readdir(dir) : nullptr) {
     char target[512] = {};
-    std::string link = std::string("/proc/self/fd/") + entry->d_name;
-    if (readlink(link.c_str(), target, sizeof target - 1) < 0) continue;
-    list += std::string(entry->d_name) + " -> " + target + "\n";
+    const std::string link = std::string("/proc/self/fd/") + entry->d_name;
+    if (entry->d_name[0] != '.' && atoi(entry->d_name) != dirfd(dir) &&
+        readlink(link.c_str(), target, sizeof target - 1) >= 0)
+      list += std::string(entry->d_name) + " -> " + target + "\n";
   }
-  closedir(dir);
+  if (dir) closedir(dir);
   return list;
 }
 

@@ -1,23 +1,43 @@
 #ifndef QEL_TESTS_SUPPORT_STDERR_CAPTURE_H_
 #define QEL_TESTS_SUPPORT_STDERR_CAPTURE_H_
 
-// Sends descriptor 2 to a private in-memory file for the capture's lifetime,
-// so that a test can assert the exact text the library wrote with perror or
-// fprintf(stderr, ...), from any thread.
-
+#include <fcntl.h>
+#include <sys/mman.h>
+#include <unistd.h>
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
 #include <string>
+#include <gtest/gtest.h>
 
 namespace qel_test {
 
+// Sends descriptor 2 to an in-memory file while it lives, so a test sees the
+// exact text written to standard error from any thread.
 class StderrCapture {
  public:
-  StderrCapture();   // fails the test when the redirection cannot be made
-  ~StderrCapture();  // puts the original standard error back
+  StderrCapture()
+      : m_saved((std::fflush(stderr), fcntl(2, F_DUPFD_CLOEXEC, 3))),
+        m_file(memfd_create("stderr", MFD_CLOEXEC)) {
+    if (m_file < 0 || m_saved < 0 || dup2(m_file, 2) < 0)
+      ADD_FAILURE() << "capturing stderr: " << std::strerror(errno);
+  }
+  ~StderrCapture() {
+    std::fflush(stderr);
+    if (m_saved >= 0) dup2(m_saved, 2), close(m_saved);
+    if (m_file >= 0) close(m_file);
+  }
   StderrCapture(const StderrCapture&) = delete;
   StderrCapture& operator=(const StderrCapture&) = delete;
 
-  // Everything written to standard error since the capture began.
-  std::string Text();
+  std::string Text() {  // everything written since the capture began
+    std::fflush(stderr);
+    std::string text;
+    char chunk[512];
+    for (ssize_t n; (n = pread(m_file, chunk, sizeof chunk, text.size())) > 0;)
+      text.append(chunk, static_cast<size_t>(n));
+    return text;
+  }
 
  private:
   int m_saved;
