@@ -1,10 +1,8 @@
-// Answers open, read, write, ioctl and close on "/dev/i2c-<n>" from emulated
-// buses, with i2c-dev's checks; all else goes on to libc (or a sanitizer).
-// Only the adapters in QEL_I2C_EMULATOR_ADAPTERS ("0,1,12") exist. Each bus,
-// fresh in every process, has a 24c02 at 0x50 (byte i holds i ^ 0x5a), an
-// LM75-like sensor at 0x48 (25.5 degrees) and 0x36, claimed by a driver. An
-// open adapter is a memfd "i2c-<n>" reopened with the caller's flags. The
-// programs it serves use their adapters from one thread.
+// Answers open, read, write, ioctl and close on "/dev/i2c-<n>" for the
+// adapters in QEL_I2C_EMULATOR_ADAPTERS ("0,1,12") with i2c-dev's checks; all
+// else goes on to libc. Each bus, fresh per process, has a 24c02 at 0x50 (byte
+// i holds i ^ 0x5a), an LM75-like sensor at 0x48 (25.5 degrees) and 0x36,
+// claimed by a driver. Single-threaded use; an adapter is a memfd "i2c-<n>".
 
 #include <dlfcn.h>
 #include <fcntl.h>
@@ -57,13 +55,11 @@ Function Next(const char* name) {
 bool Transfer(Bus& bus, const i2c_msg& m) {
   const bool read = m.flags & I2C_M_RD;
   if (m.addr == 0x50) {
-    for (size_t i = 0; i < m.len; ++i) {
-      if (read)
-        m.buf[i] = bus.eeprom[bus.eepromPointer++];
-      else if (i == 0)
-        bus.eepromPointer = m.buf[0];
-      else
-        bus.eeprom[bus.eepromPointer++] = m.buf[i];
+    size_t i = 0;
+    if (!read && m.len > 0) bus.eepromPointer = m.buf[i++];
+    for (; i < m.len; ++i) {
+      uint8_t& cell = bus.eeprom[bus.eepromPointer++];
+      read ? (m.buf[i] = cell) : (cell = m.buf[i]);
     }
     return true;
   }
