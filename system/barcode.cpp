@@ -51,8 +51,10 @@ bool SetBarcodeASN(const std::string& asn) {
   if (barcode.empty()) return false;
   // The barcode goes to the shell between single quotes: a quote in it, from
   // the new ASN or from the kernel's barcode, would end the argument and
-  // hand the rest to the shell as commands.
-  if (barcode.find('\'') != std::string::npos) return false;
+  // hand the rest to the shell as commands; a NUL would cut the command
+  // short, leaving the quote open.
+  if (barcode.find_first_of(std::string("'\0", 2)) != std::string::npos)
+    return false;
 
   const std::string command = std::string("/sbin/fw_") + "set" + "env " +
                               "barcode '" + barcode + "'";

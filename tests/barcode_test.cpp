@@ -129,7 +129,8 @@ TEST(SetBarcodeASN, RefusesOrThrowsLeavingTheSwitchSet) {
   RunInSandbox([] {
     SetUpDevice(std::string("barcode=") + kRaw + " quiet\n");
     for (const std::string& asn : {std::string(" B98765432 "), kC31,
-                                   std::string("B9876543'; touch /mnt/x; '")})
+                                   std::string("B9876543'; touch /mnt/x; '"),
+                                   std::string("B9876\0" "54321", 11)})
       EXPECT_FALSE(SetBarcodeASN(asn)) << asn;
     ASSERT_TRUE(MountFile("/proc/cmdline", "barcode=ASN=A1,BREV=it's\n"));
     EXPECT_FALSE(SetBarcodeASN("B987654321"));
