@@ -1,9 +1,10 @@
 #ifndef QEL_UTIL_DAEMON_H_
 #define QEL_UTIL_DAEMON_H_
 
-// The daemon framework: a service derives from Daemon, overrides Process and
-// calls Init, daemonize and Run from main. All state lives in one
-// process-wide DaemonImpl; Daemon objects are thin handles onto it.
+/// \file
+/// The daemon framework: a service derives from Daemon, overrides Process and
+/// calls Init, daemonize and Run from main. All state lives in one
+/// process-wide DaemonImpl; Daemon objects are thin handles onto it.
 
 #include <signal.h>
 
@@ -15,135 +16,211 @@
 
 namespace qel_util {
 
+/// The face of the daemon framework for a service.
+///
+/// Every Daemon object is a handle onto the one framework state of the
+/// process, so all handles see the same name, pid file and running flag.
+/// The framework belongs to the main thread: call Init, daemonize and Run
+/// from it, and call daemonize before any thread is started (the fork keeps
+/// only the calling thread). The logging functions may be called from any
+/// thread.
 class QEL_UTIL_EXPORT Daemon {
  public:
-  // Construct the handle only; the framework state is not touched.
+  /// Constructs the handle only; the framework state is not touched.
   Daemon();
+  /// Constructs the handle only; `argc` and `argv` are not looked at (call
+  /// Init for that).
   Daemon(int& argc, char**& argv);
-  // Runs the framework's shutdown (pid file removed, syslog closed); safe to
-  // run more than once.
+  /// Runs the framework's shutdown (pid file written by this process
+  /// removed, syslog closed); harmless when run more than once.
   virtual ~Daemon();
 
-  // One step of the service's work, called by Run while the running flag is
-  // up. A blocking call in it returns with EINTR when a stop signal arrives.
+  /// One step of the service's work, called by Run again and again while the
+  /// running flag is up. A blocking call in it returns with EINTR when a stop
+  /// signal arrives. The default does nothing.
   virtual void Process();
 
-  // Program name from argv[0] (basename only for absolute paths), default pid
-  // file "/var/run/<name>.pid", nine-signal table installed. Always 0.
+  /// Takes the program name from argv[0] (its base name when it is an
+  /// absolute path; a null argv or argv[0] keeps the name set before), sets
+  /// the default pid file "/var/run/<name>.pid" and installs the nine-signal
+  /// table: SIGHUP and SIGPIPE ignored; SIGINT, SIGQUIT, SIGABRT and SIGTERM
+  /// lower the running flag; SIGCHLD reaps exited children; SIGSEGV and
+  /// SIGBUS write the crash dump and end the process with status 1.
+  /// \return Always 0.
   int Init(int& argc, char**& argv);
-  // Calls Process while running, then logs "exit <pid>" and exit(0).
+  /// Calls Process while the running flag is up, then logs "exit <pid>" and
+  /// ends the process with exit(0) (exit handlers run, the pid file goes).
   [[noreturn]] void Run();
+  /// Whether the running flag is up: raised by daemonize, lowered by a stop
+  /// signal.
   bool IsRunning() const;
-  // Null before Init; owned by the framework.
+  /// The program name taken by Init; null before Init. Owned by the
+  /// framework and valid until the next Init.
   const char* GetName() const;
 
-  // true: daemonize neither forks nor touches the pid file.
+  /// true: daemonize neither forks nor checks nor writes the pid file.
   void foreground(bool on);
-  // Absolute path used as is, otherwise "/var/run/<name>.pid"; null ignored.
+  /// Sets the pid file: an absolute path is used as it is, anything else
+  /// becomes "/var/run/<nameOrPath>.pid". Null is ignored. The text is
+  /// copied.
   void pidfile(const char* nameOrPath);
-  // Detach (fork, setsid), check and write the pid file, raise the running
-  // flag, umask 0, chdir "/", close inherited descriptors above 2.
-  // Ends the process with status 1 on any failure it reports.
+  /// Makes the process a daemon: registers the exit handler that removes the
+  /// pid file, forks (the parent exits 0) and starts a new session, refuses
+  /// to go on while the pid file names a live process, writes the pid file,
+  /// raises the running flag, sets umask 0 and the directory "/", and closes
+  /// every inherited descriptor above 2 (none when the descriptor limit is
+  /// unlimited), in a time that does not grow with that limit. A syslog
+  /// connection opened before is reopened with the same settings, so logging
+  /// goes on and the socket never takes over a descriptor of the service.
+  ///
+  /// Ends the process with status 1 (after a tagged line) when the exit
+  /// handler cannot be registered, fork, setsid, chdir or getrlimit fail,
+  /// the pid file cannot be checked or names a live process. A pid file that
+  /// cannot be written is reported and the daemon goes on without one.
   void daemonize();
-  // false sends the standard streams to "/dev/null".
+  /// false sends the standard streams to "/dev/null" (ends the process with
+  /// status 1 when that fails); true leaves them as they are.
   void runningOk(bool ok);
 
-  // Registers the host's debug flag; the int must outlive every log call.
+  /// Registers the host's debug flag; the int must outlive every log call.
+  /// While it is non-zero, debug(format) and SysLog also write to stderr.
   void setDebugFlag(int& flag);
-  // openlog with the ident (cut to 64 characters, "?" for null), the option
-  // bits and the facility (LOG_DAEMON for 0). Closed again at shutdown.
+  /// openlog with the ident (cut to 64 characters and copied, "?" for null),
+  /// the option bits and the facility (LOG_DAEMON for 0). Closed again at
+  /// shutdown.
   void OpenLog(const char* ident, int option, int facility);
 
-  // Tagged line "<file> <line>: <message>" to syslog (LOG_INFO) and stderr
-  // when enabled. Text is cut at 511 characters. Thread-safe, no heap.
+  /// Writes the tagged line "<file> <line>: <message>" to syslog (LOG_INFO)
+  /// and to stderr when `enabled`. Text is cut at 511 characters.
+  /// Thread-safe; uses no heap of its own.
   static void debug(bool enabled, const char* file, int line,
                     const char* format, ...)
       __attribute__((format(printf, 4, 5)));
-  // Line on stderr only, while the registered debug flag is non-zero.
+  /// Writes a line to stderr only, while the registered debug flag is
+  /// non-zero. Cut at 511 characters; thread-safe.
   static void debug(const char* format, ...)
       __attribute__((format(printf, 1, 2)));
-  // syslog at the priority (LOG_INFO for 0); copied to stderr, without an
-  // added newline, while the debug flag is non-zero.
+  /// Sends the message to syslog at `priority` (LOG_INFO for 0); while the
+  /// debug flag is non-zero it is copied to stderr as it is, without an
+  /// added newline. Cut at 511 characters; thread-safe.
   static void SysLog(int priority, const char* format, ...)
       __attribute__((format(printf, 2, 3)));
 
-  // 1: no live process named by the file (missing, stale, pid above INT_MAX);
-  // 0: the process in `pid` exists; -1: error, already reported.
+  /// Looks at the pid file `path`; `pid` receives the number it holds (0 when
+  /// none was read).
+  /// \return 1 when no live process is named (no file, a stale pid, or a
+  /// number too large to be a process id); 0 when the process in `pid`
+  /// exists; -1 on any other error (not a regular file, unreadable, no
+  /// number), already reported with a tagged line.
   static int CheckPidFile(const char* path, int& pid);
 };
 
-// The single framework object's class. Public so that hosts and tests can see
-// the state the framework documents; services normally use Daemon only.
+/// The single framework object's class. Public so that hosts and tests can
+/// see the state the framework documents; services normally use Daemon only.
+/// Belongs to the main thread, like Daemon.
 class QEL_UTIL_EXPORT DaemonImpl {
  public:
+  /// One entry of the signal table.
   struct Signal {
-    struct sigaction* m_act;  // one of the four static actions, not owned
-    std::string m_name;
+    struct sigaction* m_act;  ///< One of the four static actions, not owned.
+    std::string m_name;       ///< The signal's name, e.g. "SIGSEGV".
   };
 
+  /// Empty state: no name, no pid file, background mode.
   DaemonImpl();
+  /// Frees the name and the pid-file path; removes nothing.
   ~DaemonImpl();
-  DaemonImpl(const DaemonImpl&) = delete;
-  DaemonImpl& operator=(const DaemonImpl&) = delete;
+  DaemonImpl(const DaemonImpl&) = delete;             ///< Not copyable.
+  DaemonImpl& operator=(const DaemonImpl&) = delete;  ///< Not copyable.
 
-  // Builds the signal table once, installs it on every call. Returns 0.
+  /// Builds the signal table once and installs it on every call. Returns 0.
   int Init();
-  void initialize(int& argc, char**& argv);  // does nothing
+  /// Does nothing; kept for hosts that call it.
+  void initialize(int& argc, char**& argv);
+  /// Whether the running flag is up.
   bool IsRunning() const;
-  // Removes a pid file this process wrote, closes syslog. Idempotent.
+  /// Removes a pid file this process wrote and closes syslog if OpenLog
+  /// opened it. Idempotent; `unused` is ignored.
   void shutdown(int unused);
+  /// As Daemon::foreground.
   void foreground(bool on);
+  /// As Daemon::pidfile.
   void pidfile(const char* nameOrPath);
 
-  // Signal handlers; public so that a host can call CatchChld directly.
+  /// Handler of SIGINT, SIGQUIT, SIGABRT and SIGTERM: lowers the running
+  /// flag and records the signal.
   static void CatchStopRunning(int sig);
+  /// Handler of SIGCHLD: records the signal and reaps every exited child,
+  /// unless SIGCHLD is blocked in the calling thread (then statuses stay for
+  /// pclose, system or waitpid). Keeps errno. Public so that a host can call
+  /// it directly.
   static void CatchChld(int sig);
+  /// Handler of SIGSEGV and SIGBUS: writes the crash dump, then ends the
+  /// process with status 1 and the pid file removed, also when the fault
+  /// struck inside the allocator or syslog.
   static void CatchExitApp(int sig);
-  // Appends a record to "/home/root/log/<name>_dump.txt" and logs it at
-  // LOG_CRIT. Nothing happens when the file cannot be opened.
+  /// Appends a record (signal name, time and pid, the call stack, "------")
+  /// to "/home/root/log/<name>_dump.txt" (mode 0660) and sends it to syslog
+  /// at LOG_CRIT when that can be done safely. Nothing is written when the
+  /// file cannot be opened.
   void DumpCallStack(int sig);
 
+  /// Ends the process with status 1 when the pid file names a live process
+  /// or cannot be checked; returns otherwise (also without a pid file).
   void checkPidfileOrShutdown();
+  /// Writes this process's pid to the pid file; a failure is reported and
+  /// leaves the daemon without a pid file.
   void writePidfile();
 
+  /// As Daemon::daemonize.
   void daemonize();
-  // Forks; the parent exits 0, the child becomes a session leader.
+  /// Forks; the parent exits 0, the child becomes a session leader. Ends the
+  /// process with status 1 when fork or setsid fails.
   void fork();
+  /// As Daemon::runningOk.
   void runningOk(bool ok);
-  // stdin from "/dev/null", stdout and stderr appended to `path`; exit(1) on
-  // failure.
+  /// stdin from "/dev/null", stdout and stderr appended to `path`; ends the
+  /// process with status 1 on failure.
   void redirectStreamsTo(const char* path);
-  // Opens `path` with `flags` (mode 0644) onto descriptor `fd`; returns fd or
-  // -1.
+  /// Opens `path` with `flags` (mode 0644) onto descriptor `fd`.
+  /// \return `fd`, or -1 with errno; the temporary descriptor is closed also
+  /// when dup2 fails.
   int openFileFor(int fd, const char* path, int flags);
 
+  /// As Daemon::setDebugFlag.
   void setDebugFlag(int& flag);
+  /// The registered debug flag's value; 0 while none is registered.
   int getDebugFlag() const;
+  /// As Daemon::OpenLog.
   void OpenLog(const char* ident, int option, int facility);
 
-  bool m_foreground;
-  char* m_pidfile;  // strdup'ed, owned
-  bool m_pidfileWritten;
-  int* m_debugFlag;  // not owned
-  char m_logIdent[65];
-  bool m_logOpen;
-  char* m_progName;  // strdup'ed, owned
-  char m_dumpFile[96];
+  bool m_foreground;     ///< Set by foreground().
+  char* m_pidfile;       ///< Pid-file path, strdup'ed and owned; may be null.
+  bool m_pidfileWritten; ///< Whether this process wrote the pid file.
+  int* m_debugFlag;      ///< The host's debug flag, not owned; may be null.
+  char m_logIdent[65];   ///< Copy of the syslog ident.
+  bool m_logOpen;        ///< Whether OpenLog was called since shutdown.
+  char* m_progName;      ///< Program name, strdup'ed and owned; may be null.
+  char m_dumpFile[96];   ///< Path of the crash-dump file once made.
 
-  // Written by signal handlers and read by the main loop: lock-free atomics
-  // are async-signal-safe and never cached across Process calls.
+  /// The last signal caught (-1 before any). Written by signal handlers and
+  /// read by the main loop: lock-free atomics are async-signal-safe and never
+  /// cached across Process calls.
   static std::atomic<int> m_receivedSignal;
-  static struct sigaction m_actExitApp;
-  static struct sigaction m_actChild;
-  static struct sigaction m_actStopApp;
-  static struct sigaction m_actIgnore;
+  static struct sigaction m_actExitApp;  ///< Action of SIGSEGV and SIGBUS.
+  static struct sigaction m_actChild;    ///< Action of SIGCHLD.
+  static struct sigaction m_actStopApp;  ///< Action of the stop signals.
+  static struct sigaction m_actIgnore;   ///< Action of SIGHUP and SIGPIPE.
+  /// The signal table, filled by the first Init.
   static std::map<int, Signal> m_signals;
+  /// The running flag; written by signal handlers like m_receivedSignal.
   static std::atomic<bool> m_isRunning;
 };
 
-// Exit handlers: shutdown(0) on the framework object. daemonize registers
-// shutdown0 with atexit; shutdown2 is shaped for on_exit.
+/// Exit handler: shutdown(0) on the framework object. daemonize registers it
+/// with atexit.
 QEL_UTIL_EXPORT void shutdown0();
+/// Exit handler shaped for on_exit: shutdown(status) on the framework object.
 QEL_UTIL_EXPORT void shutdown2(int status, void* unused);
 
 }  // namespace qel_util
