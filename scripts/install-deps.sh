@@ -11,6 +11,7 @@ packages=(
   iproute2 util-linux socat python3 dpkg-dev
   zlib1g-dev mmc-utils i2c-tools libubootenv-tool
   g++-arm-linux-gnueabihf qemu-user
+  doxygen nlohmann-json3-dev
 )
 
 missing=()
