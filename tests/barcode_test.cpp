@@ -12,6 +12,7 @@
 #include "qel_util/system.h"
 #include "support/descriptor_limit.h"
 #include "support/sandbox.h"
+#include "support/target.h"
 #include "system/barcode.h"
 
 namespace {
@@ -146,6 +147,49 @@ TEST(SetBarcodeASN, RefusesOrThrowsLeavingTheSwitchSet) {
     EXPECT_EQ(ReadFile(kSwitch), "1");
     EXPECT_EQ(Stored(), "OLD\n");
   });
+}
+
+// qel-devinfo on a barcode with a byte that is no UTF-8 and the kernel's
+// newline, without an RPMB device and, in the JSON run, with too few
+// descriptors for the version script: what could be read is still shown.
+TEST(QelDevinfo, ShowsWhatItReadAndFailsWhenAQueryFailed) {
+#ifndef QEL_DEVINFO
+  GTEST_SKIP() << "qel-devinfo is not built";
+#else
+  QEL_REQUIRE_NO_EMULATOR("the emulator needs descriptors of its own");
+  QEL_REQUIRE_SANDBOX();
+  RunInSandbox([] {
+    ASSERT_TRUE(MountFile("/proc/cmdline", "barcode=A1234567\xff" "89\n") &&
+                MountFile("/sys/bus/mmc/devices/mmc0:0001/cid",
+                          "0123456789abcdef0123456789abcdef\n") &&
+                MountScript("/usr/bin/ubi_get_volume_versions.sh",
+                            "printf 'v1 \\377\\n\\n'\n"));
+    const std::string noDevice =
+        "# Failed to read data: invalid device fd [ID_IO]\n"
+        "qel-devinfo: deviceId: error 2\n";
+    std::string out;
+    EXPECT_EQ(Shell(QEL_DEVINFO " 2>/mnt/err", &out), 1);
+    EXPECT_EQ(out, "device ID:         (error 2)\nNOHWID flag:      no\n"
+                   "serial number:    456789ABCDEF (76310993685999)\n"
+                   "barcode:          ASN=A1234567\xff" "89,\n"
+                   "ASN:              A1234567\xff" "89 (key 0)\n"
+                   "firmware version: v1 \xff\n");
+    EXPECT_EQ(ReadFile("/mnt/err"), noDevice);
+    // One descriptor free (3): enough for a file, not for the script's pipe.
+    EXPECT_EQ(Shell("exec 2>/mnt/err 3>&-; ulimit -n 4; exec " QEL_DEVINFO
+                    " --json", &out), 1);
+    EXPECT_EQ(out, "{\n  \"deviceId\": \"\",\n  \"deviceIdError\": 2,\n"
+                   "  \"noHwid\": false,\n"
+                   "  \"serialNumber\": \"456789ABCDEF\",\n"
+                   "  \"serialNumberValue\": 76310993685999,\n"
+                   "  \"barcode\": \"ASN=A1234567\uFFFD" "89,\",\n"
+                   "  \"asn\": \"A1234567\uFFFD" "89\",\n  \"asnKey\": 0,\n"
+                   "  \"firmwareVersion\": \"\",\n  \"failed\": [\n"
+                   "    \"deviceId\",\n    \"firmwareVersion\"\n  ]\n}\n");
+    EXPECT_EQ(ReadFile("/mnt/err"),
+              noDevice + "qel-devinfo: firmwareVersion: popen() failed!\n");
+  });
+#endif
 }
 
 }  // namespace

@@ -1,10 +1,17 @@
 // qel-devinfo: prints what the device knows about itself (device ID, NOHWID
 // flag, serial number, barcode, ASN, firmware version), as text or as JSON.
+// Every query is made even when another one fails; what could be read is
+// printed, each failure is named on stderr (and under "failed" in JSON), and
+// the exit status is 0 only when every query succeeded.
 
+#include <algorithm>
 #include <cstdio>
 #include <cstring>
 #include <exception>
 #include <string>
+#include <vector>
+
+#include <nlohmann/json.hpp>
 
 #include "qel_util/system.h"
 
@@ -22,90 +29,83 @@ struct DeviceInfo {
   std::string asn;
   int asnKey = 0;
   std::string firmware;
+  std::vector<std::string> failed;  // the JSON names of the failed queries
 };
+
+// The barcode comes from the kernel command line, whose closing newline the
+// library keeps when the barcode is its last parameter; it is no part of
+// the value and would only break the output's lines.
+std::string WithoutNewline(std::string text) {
+  text.erase(std::remove(text.begin(), text.end(), '\n'), text.end());
+  return text;
+}
+
+// Runs one query, which returns "" on success or what went wrong. A failure
+// or an exception is reported and the remaining queries still run.
+template <typename Query>
+void Ask(DeviceInfo& info, const char* name, Query query) {
+  std::string problem;
+  try {
+    problem = query();
+  } catch (const std::exception& e) {
+    problem = e.what();
+  }
+  if (problem.empty()) return;
+  std::fprintf(stderr, "qel-devinfo: %s: %s\n", name, problem.c_str());
+  info.failed.push_back(name);
+}
 
 DeviceInfo Collect() {
   DeviceInfo info;
-  info.deviceId = sys::GetDeviceID(info.deviceIdError);
-  info.noHwid = sys::hasFlagNOHWID();
-  info.serial = sys::serialNumberString();
-  info.serialNumber = sys::serialNumber();
-  info.barcode = sys::GetBarcode();
-  info.asn = sys::GetBarcodeASN(&info.asnKey);
-  info.firmware = sys::fwVersionString();
+  Ask(info, "deviceId", [&] {
+    info.deviceId = sys::GetDeviceID(info.deviceIdError);
+    return info.deviceIdError == 0
+               ? std::string()
+               : "error " + std::to_string(info.deviceIdError);
+  });
+  Ask(info, "noHwid", [&] {
+    info.noHwid = sys::hasFlagNOHWID();
+    return std::string();
+  });
+  Ask(info, "serialNumber", [&] {
+    info.serial = sys::serialNumberString();
+    info.serialNumber = sys::serialNumber();
+    return info.serial.empty() ? std::string("unreadable") : std::string();
+  });
+  Ask(info, "barcode", [&] {
+    info.barcode = WithoutNewline(sys::GetBarcode());
+    return std::string();
+  });
+  Ask(info, "asn", [&] {
+    info.asn = WithoutNewline(sys::GetBarcodeASN(&info.asnKey));
+    return std::string();
+  });
+  Ask(info, "firmwareVersion", [&] {
+    info.firmware = sys::fwVersionString();
+    return std::string();
+  });
   return info;
 }
 
-// Length of the well-formed UTF-8 sequence at `s`, 0 when it is not one.
-size_t Utf8Length(const unsigned char* s, size_t left) {
-  size_t length;
-  unsigned min;
-  if (s[0] < 0x80) return 1;
-  if ((s[0] & 0xE0) == 0xC0) length = 2, min = 0x80;
-  else if ((s[0] & 0xF0) == 0xE0) length = 3, min = 0x800;
-  else if ((s[0] & 0xF8) == 0xF0) length = 4, min = 0x10000;
-  else return 0;
-  if (length > left) return 0;
-  unsigned code = s[0] & (0x7F >> length);
-  for (size_t i = 1; i < length; ++i) {
-    if ((s[i] & 0xC0) != 0x80) return 0;
-    code = code << 6 | (s[i] & 0x3F);
-  }
-  if (code < min || code > 0x10FFFF || (code >= 0xD800 && code <= 0xDFFF))
-    return 0;
-  return length;
-}
-
-// A JSON string literal. The identity texts come from files and tools that
-// promise no encoding: bytes that are no UTF-8 are written as the code
-// points of the same value, so the output is always valid JSON.
-std::string JsonString(const std::string& text) {
-  std::string out = "\"";
-  const auto* s = reinterpret_cast<const unsigned char*>(text.data());
-  for (size_t i = 0; i < text.size();) {
-    const unsigned char c = s[i];
-    const size_t length = Utf8Length(s + i, text.size() - i);
-    char escaped[8];
-    if (c == '"' || c == '\\') {
-      out += '\\';
-      out += static_cast<char>(c);
-    } else if (c == '\n') {
-      out += "\\n";
-    } else if (c == '\t') {
-      out += "\\t";
-    } else if (c == '\r') {
-      out += "\\r";
-    } else if (c < 0x20 || c == 0x7F || length == 0) {
-      std::snprintf(escaped, sizeof escaped, "\\u%04x", c);
-      out += escaped;
-    } else {
-      out.append(text, i, length);
-      i += length;
-      continue;
-    }
-    ++i;
-  }
-  return out + "\"";
-}
-
 void PrintJson(const DeviceInfo& info) {
-  std::printf(
-      "{\n"
-      "  \"deviceId\": %s,\n"
-      "  \"deviceIdError\": %d,\n"
-      "  \"noHwid\": %s,\n"
-      "  \"serialNumber\": %s,\n"
-      "  \"serialNumberValue\": %llu,\n"
-      "  \"barcode\": %s,\n"
-      "  \"asn\": %s,\n"
-      "  \"asnKey\": %d,\n"
-      "  \"firmwareVersion\": %s\n"
-      "}\n",
-      JsonString(info.deviceId).c_str(), info.deviceIdError,
-      info.noHwid ? "true" : "false", JsonString(info.serial).c_str(),
-      info.serialNumber, JsonString(info.barcode).c_str(),
-      JsonString(info.asn).c_str(), info.asnKey,
-      JsonString(info.firmware).c_str());
+  const nlohmann::ordered_json json = {
+      {"deviceId", info.deviceId},
+      {"deviceIdError", info.deviceIdError},
+      {"noHwid", info.noHwid},
+      {"serialNumber", info.serial},
+      {"serialNumberValue", info.serialNumber},
+      {"barcode", info.barcode},
+      {"asn", info.asn},
+      {"asnKey", info.asnKey},
+      {"firmwareVersion", info.firmware},
+      {"failed", info.failed},
+  };
+  // The identity texts come from files and tools that promise no encoding:
+  // a byte that is no UTF-8 becomes U+FFFD, so the output stays valid JSON.
+  std::printf("%s\n",
+              json.dump(2, ' ', false,
+                        nlohmann::ordered_json::error_handler_t::replace)
+                  .c_str());
 }
 
 void PrintText(const DeviceInfo& info) {
@@ -125,7 +125,8 @@ int Usage(const char* program, FILE* out, int status) {
                "usage: %s [--json]\n"
                "Prints the device ID (with its error code), the NOHWID flag, "
                "the serial number,\nthe barcode, the ASN with its key number "
-               "and the firmware version.\n",
+               "and the firmware version. Exit status\n0 when every query "
+               "succeeded, 1 when any failed (named on stderr).\n",
                program);
   return status;
 }
@@ -142,13 +143,7 @@ int main(int argc, char** argv) {
     else
       return Usage(argv[0], stderr, 2);
   }
-  try {
-    const DeviceInfo info = Collect();
-    json ? PrintJson(info) : PrintText(info);
-  } catch (const std::exception& e) {
-    // Only running the firmware script can fail this way.
-    std::fprintf(stderr, "%s: %s\n", argv[0], e.what());
-    return 1;
-  }
-  return 0;
+  const DeviceInfo info = Collect();
+  json ? PrintJson(info) : PrintText(info);
+  return info.failed.empty() ? 0 : 1;
 }

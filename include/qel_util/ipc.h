@@ -25,8 +25,10 @@ class QEL_UTIL_EXPORT cPosixSemaphore {
   explicit cPosixSemaphore(unsigned char initial);
   /// sem_destroy; no thread may still wait.
   ~cPosixSemaphore();
-  cPosixSemaphore(const cPosixSemaphore&) = delete;             ///< Not copyable.
-  cPosixSemaphore& operator=(const cPosixSemaphore&) = delete;  ///< Not copyable.
+  /// Not copyable.
+  cPosixSemaphore(const cPosixSemaphore&) = delete;
+  /// Not copyable.
+  cPosixSemaphore& operator=(const cPosixSemaphore&) = delete;
 
   /// sem_wait: 0, or -1 with errno (EINTR when a signal interrupts it). A
   /// cancellation point.
