@@ -31,8 +31,9 @@ class QEL_UTIL_EXPORT Daemon {
   /// Constructs the handle only; `argc` and `argv` are not looked at (call
   /// Init for that).
   Daemon(int& argc, char**& argv);
-  /// Runs the framework's shutdown (pid file written by this process
-  /// removed, syslog closed); harmless when run more than once.
+  /// Runs the framework's shutdown for the whole process, whichever handle
+  /// goes: the pid file this process wrote is removed and syslog closed.
+  /// Harmless when run more than once.
   virtual ~Daemon();
 
   /// One step of the service's work, called by Run again and again while the
@@ -111,7 +112,8 @@ class QEL_UTIL_EXPORT Daemon {
   /// \return 1 when no live process is named (no file, a stale pid, or a
   /// number too large to be a process id); 0 when the process in `pid`
   /// exists; -1 on any other error (not a regular file, unreadable, no
-  /// number), already reported with a tagged line.
+  /// number, a process that cannot be probed), already reported with a
+  /// tagged line.
   static int CheckPidFile(const char* path, int& pid);
 };
 
