@@ -76,22 +76,47 @@ template <typename Call>
   return ::testing::AssertionSuccess();
 }
 
-TEST(I2cAdapter, CreateOpensTheNumberedNodeOrNothing) {
+TEST(I2cAdapter, OpensOneNumberedNodeAndNeverTouchesAnother) {
   QEL_ON_EMULATED_BUS();
-  I2cAdapter adapter;
-  ASSERT_TRUE(adapter.Create(0));
-  EXPECT_EQ(OpenAdapters(), "i2c-0 rw\n");
-  ASSERT_TRUE(adapter.Create(12));
-  EXPECT_EQ(OpenAdapters(), "i2c-12 rw\n");
-  // A failed Create gives up the adapter held before.
-  EXPECT_TRUE(FailsWith(ENOENT, [&] { return adapter.Create(3); }));
-  EXPECT_EQ(OpenAdapters(), "");
-  // Cut to fit, "/dev/i2c-1000000000" would name 100000000, which exists.
-  ASSERT_TRUE(adapter.Create(999999999));
-  for (unsigned int tooLong : {1000000000u, UINT_MAX})
+  const std::string before = qel_test::OpenDescriptors();
+  {
+    I2cAdapter adapter;
+    adapter.Destroy();  // before Create: nothing to close
+    ASSERT_TRUE(adapter.Create(0));
+    EXPECT_EQ(OpenAdapters(), "i2c-0 rw\n");
+    ASSERT_TRUE(adapter.Create(12));
+    EXPECT_EQ(OpenAdapters(), "i2c-12 rw\n");
+    // A failed Create gives up the adapter held before.
+    EXPECT_TRUE(FailsWith(ENOENT, [&] { return adapter.Create(3); }));
+    EXPECT_EQ(OpenAdapters(), "");
+    // Cut to fit, "/dev/i2c-1000000000" would name 100000000, which exists.
+    ASSERT_TRUE(adapter.Create(999999999));
+    for (unsigned int tooLong : {1000000000u, UINT_MAX})
+      EXPECT_TRUE(
+          FailsWith(ENAMETOOLONG, [&] { return adapter.Create(tooLong); }));
+    EXPECT_EQ(OpenAdapters(), "");
+    // A pipe takes the number the adapter had: nothing done on the closed
+    // adapter may reach it.
+    int ends[2];
+    ASSERT_EQ(pipe2(ends, O_NONBLOCK), 0);
+    adapter.Destroy();
+    unsigned char byte[1] = {0x42};
+    unsigned int length = 1;
+    unsigned long functions = 0;
+    i2c_rdwr_ioctl_data transfer{nullptr, 0};
+    EXPECT_TRUE(FailsWith(EBADF, [&] { return adapter.Write(byte, 1); }));
+    EXPECT_TRUE(FailsWith(EBADF, [&] { return adapter.Read(byte, length); }));
+    EXPECT_EQ(length, 1u);
+    EXPECT_TRUE(FailsWith(EBADF, [&] { return adapter.SetSlaveAddress(1); }));
     EXPECT_TRUE(
-        FailsWith(ENAMETOOLONG, [&] { return adapter.Create(tooLong); }));
-  EXPECT_EQ(OpenAdapters(), "");
+        FailsWith(EBADF, [&] { return adapter.GetCapabilities(functions); }));
+    EXPECT_TRUE(FailsWith(EBADF, [&] { return adapter.ReadWrite(transfer); }));
+    EXPECT_EQ(read(ends[0], byte, 1), -1);  // open, and nothing was written
+    EXPECT_EQ(errno, EAGAIN);
+    EXPECT_EQ(close(ends[0]) + close(ends[1]), 0);
+    ASSERT_TRUE(adapter.Create(12));  // the destructor closes it
+  }
+  EXPECT_EQ(qel_test::OpenDescriptors(), before);
 }
 
 // The adapter hands addresses, data, lengths and errors through unchanged;
@@ -143,38 +168,6 @@ TEST(I2cAdapter, CombinedTransfer) {
   messages[2].addr = 0x49;
   EXPECT_TRUE(
       FailsWith(EREMOTEIO, [&] { return adapter.ReadWrite(transfer); }));
-}
-
-// A pipe takes the number the adapter had: nothing done on the closed
-// adapter may reach it.
-TEST(I2cAdapter, MisuseNeverReachesAnotherDescriptor) {
-  QEL_ON_EMULATED_BUS();
-  const std::string before = qel_test::OpenDescriptors();
-  {
-    I2cAdapter adapter;
-    adapter.Destroy();  // before Create: nothing to close
-    ASSERT_TRUE(adapter.Create(0));
-    adapter.Destroy();
-    int ends[2];
-    ASSERT_EQ(pipe2(ends, O_NONBLOCK), 0);
-    adapter.Destroy();
-    unsigned char byte[1] = {0x42};
-    unsigned int length = 1;
-    unsigned long functions = 0;
-    i2c_rdwr_ioctl_data transfer{nullptr, 0};
-    EXPECT_TRUE(FailsWith(EBADF, [&] { return adapter.Write(byte, 1); }));
-    EXPECT_TRUE(FailsWith(EBADF, [&] { return adapter.Read(byte, length); }));
-    EXPECT_EQ(length, 1u);
-    EXPECT_TRUE(FailsWith(EBADF, [&] { return adapter.SetSlaveAddress(1); }));
-    EXPECT_TRUE(
-        FailsWith(EBADF, [&] { return adapter.GetCapabilities(functions); }));
-    EXPECT_TRUE(FailsWith(EBADF, [&] { return adapter.ReadWrite(transfer); }));
-    EXPECT_EQ(read(ends[0], byte, 1), -1);  // open, and nothing was written
-    EXPECT_EQ(errno, EAGAIN);
-    EXPECT_EQ(close(ends[0]) + close(ends[1]), 0);
-    ASSERT_TRUE(adapter.Create(12));  // the destructor closes it
-  }
-  EXPECT_EQ(qel_test::OpenDescriptors(), before);
 }
 
 // The emulator answers i2c-tools as the kernel would: the combined transfer
