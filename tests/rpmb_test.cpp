@@ -166,7 +166,6 @@ TEST(RpmbReader, OnlyTheMaskedResultOfTheLastFrameCounts) {
         {"0x0085", "5 0\n", "Write failure"},
         {"4", "4 0\n", "Address failure"},
         {"0,0,6", "6 0\n", "Read failure"},
-        {"0x0007", "7 0\n", "No authentication Key"},
         {"0x00FF", "127 0\n", "Unknown"},
     };
     const std::string image = PartitionImage();
