@@ -130,6 +130,7 @@ TEST(I2cAdapter, AddressThenReadAndWrite) {
   EXPECT_EQ(functions,
             static_cast<unsigned long>(I2C_FUNC_I2C | I2C_FUNC_SMBUS_BYTE |
                                        I2C_FUNC_SMBUS_BYTE_DATA));
+  EXPECT_TRUE(FailsWith(EINVAL, [&] { return adapter.SetSlaveAddress(0x80); }));
   ASSERT_TRUE(adapter.SetSlaveAddress(0x50));
   const unsigned char store[] = {0x20, 1, 2, 3};
   ASSERT_TRUE(adapter.Write(store, 4));

@@ -196,7 +196,7 @@ std::string Record(const std::string& text) {
 }
 
 // GetDeviceID logs the record's own failure code, so its answer and log
-// cover GetHardwareID as well.
+// cover GetHardwareID's codes as well.
 TEST(HardwareId, RecordInBlockZero) {
   QEL_REQUIRE_SANDBOX();
   RunInSandbox([] {
@@ -229,6 +229,8 @@ TEST(HardwareId, RecordInBlockZero) {
       EXPECT_EQ(run.err, c.err) << c.block0;
       EXPECT_EQ(Logged(syslog), c.logged) << c.block0;
     }
+    // The record reader's own call empties the caller's stale ID.
+    EXPECT_EQ(RunOnRpmb("", "\"$PROBE\" hwid").out, "2 []\n");
   });
 }
 
