@@ -31,6 +31,10 @@ static_assert(offsetof(DataFrame, address) == 504, "address offset");
 static_assert(offsetof(DataFrame, blockCount) == 506, "blockCount offset");
 static_assert(offsetof(DataFrame, result) == 508, "result offset");
 static_assert(offsetof(DataFrame, reqResp) == 510, "reqResp offset");
+// An armhf caller and a 64-bit kernel (or emulator) must agree on the
+// command: its data pointer travels in a 64-bit field on every ABI.
+static_assert(sizeof(mmc_ioc_cmd) == 72 && offsetof(mmc_ioc_cmd, data_ptr) == 64,
+              "MMC_IOC_CMD layout is the same on 32 and 64 bits");
 
 constexpr const char* kDevice = "/dev/mmcblk0rpmb";
 constexpr uint16_t kAuthenticatedDataRead = 0x0004;

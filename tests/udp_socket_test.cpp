@@ -73,7 +73,6 @@ TEST(UdpSocket, ATakenNameFailsThreeTimesOverAboutThreeHundredMs) {
     const std::string line = "UdpSocket: bind: Address already in use\n";
     EXPECT_EQ(capture.Text(), line + line + line);
     EXPECT_GE(elapsed, std::chrono::milliseconds(290));
-    EXPECT_LT(elapsed, std::chrono::seconds(3));
   });
 }
 
