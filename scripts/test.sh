@@ -1,14 +1,14 @@
 #!/bin/bash
 # Builds and runs the test suite.
-#   scripts/test.sh          plain build (build/)
-#   scripts/test.sh asan     AddressSanitizer + UndefinedBehaviorSanitizer
-#   scripts/test.sh tsan     ThreadSanitizer, the thread and IPC tests
+#   scripts/test.sh              plain build (build/)
+#   scripts/test.sh asan         AddressSanitizer + UndefinedBehaviorSanitizer
+#   scripts/test.sh tsan         ThreadSanitizer, the thread and IPC tests
 set -euo pipefail
 cd "$(dirname "$0")/.."
+source scripts/lib/progress.sh
 bash scripts/install-deps.sh
 
 kind=${1:-plain}
-jobs=$(nproc)
 case "$kind" in
   plain)
     dir=build; flags=""; filter=() ;;
@@ -24,8 +24,8 @@ case "$kind" in
   *) echo "unknown build kind: $kind" >&2; exit 2 ;;
 esac
 
-cmake -S . -B "$dir" -DCMAKE_BUILD_TYPE=RelWithDebInfo \
+build_tree . "$dir" -DCMAKE_BUILD_TYPE=RelWithDebInfo \
   -DCMAKE_CXX_FLAGS="$flags" -DCMAKE_EXE_LINKER_FLAGS="$flags" \
-  -DCMAKE_SHARED_LINKER_FLAGS="$flags" >/dev/null
-cmake --build "$dir" -j "$jobs"
-ctest --test-dir "$dir" -j "$jobs" --output-on-failure "${filter[@]}"
+  -DCMAKE_SHARED_LINKER_FLAGS="$flags"
+note "running the tests ($dir)"
+ctest --test-dir "$dir" -j "$(nproc)" --output-on-failure "${filter[@]}"
