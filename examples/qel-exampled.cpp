@@ -120,6 +120,10 @@ int main(int argc, char** argv) {
       key = std::strtol(argv[++i], nullptr, 0);
   }
   service.OpenLog(service.GetName(), LOG_PID, 0);
+  // The launching command returns 0 here once the fork is made; a refused
+  // second instance exits with status 1 in the forked child, where the
+  // launcher cannot see it. Start through start-stop-daemon --pidfile, or
+  // check the pid file, to know whether the start took.
   service.daemonize();
   // Detached for good: the terminal (or a pipe we were started from) must
   // not be held open. Everything worth keeping goes to syslog.
