@@ -4,11 +4,18 @@
 # fresh clone of the project, each command in its own login shell as root
 # with no standard input. A package that the project's scripts forget to
 # install fails here, whatever the CI machine itself has.
-#   .ci/fresh-root.sh [command...]   (default: the README's two commands)
+#   .ci/fresh-root.sh [--include PACKAGE,...] [command...]
+# Without a command: the README's two commands. --include adds packages to
+# the root beyond ca-certificates and git.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 source scripts/lib/progress.sh
 
+include=ca-certificates,git
+if [ "${1:-}" = --include ]; then
+  include+=,$2
+  shift 2
+fi
 commands=("$@")
 if [ ${#commands[@]} -eq 0 ]; then
   # The README is the source of truth: its first sh block holds the two.
@@ -32,8 +39,8 @@ mkdir -p "$cache"
 
 sources=/etc/apt/sources.list.d/debian.sources
 [ -f "$sources" ] || sources=/etc/apt/sources.list
-step "making a fresh Debian 12 root" \
-  mmdebstrap --variant=minbase --include=ca-certificates,git \
+step "making a fresh Debian 12 root with $include" \
+  mmdebstrap --variant=minbase --include="$include" \
     --skip=essential/unlink \
     --setup-hook='mkdir -p "$1"/var/cache/apt/archives' \
     --setup-hook="sync-in $cache /var/cache/apt/archives/" \
