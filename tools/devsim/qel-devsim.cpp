@@ -166,7 +166,10 @@ std::string SetUpDevice(const Run& run) {
   _exit(errno == ENOENT ? kNotFound : kCannotRun);
 }
 
-void ShowSyslog(const Run& run, const std::string& raw) {
+// One line per datagram: the raw text in a file, "level ident[pid]: message"
+// on standard error.
+void ShowSyslog(const Run& run, std::string raw) {
+  if (!raw.empty() && raw.back() == '\n') raw.pop_back();
   if (run.syslogFile) {
     std::fprintf(run.syslogFile, "%s\n", raw.c_str());
     std::fflush(run.syslogFile);
@@ -175,11 +178,12 @@ void ShowSyslog(const Run& run, const std::string& raw) {
   static const char* const kLevels[] = {"emerg", "alert", "crit", "err",
                                         "warning", "notice", "info", "debug"};
   const SyslogLine line = ParseSyslogLine(raw);
+  const std::string pid = line.pid ? "[" + std::to_string(line.pid) + "]" : "";
   if (line.priority < 0)
     std::fprintf(stderr, "syslog| %s\n", raw.c_str());
   else
-    std::fprintf(stderr, "syslog| %s %s[%d]: %s\n", kLevels[line.priority & 7],
-                 line.ident.c_str(), line.pid, line.message.c_str());
+    std::fprintf(stderr, "syslog| %s %s%s: %s\n", kLevels[line.priority & 7],
+                 line.ident.c_str(), pid.c_str(), line.message.c_str());
 }
 
 // Pid 1 of the device: sets it up, starts the program, shows its syslog and
