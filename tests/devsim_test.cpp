@@ -50,6 +50,8 @@ struct Row {
 
 TEST_F(Devsim, EachOptionGivesTheLibraryItsAnswer) {
   const std::string hostCmdline = ReadFile("/proc/cmdline");
+  const char kScript[] = "/usr/bin/ubi_get_volume_versions.sh";
+  const int hostScript = access(kScript, F_OK);
   const Row rows[] = {
       {"", "$DEVINFO", 0,
        {"device ID:        QEL-DEVSIM-0001 (error 0)", "NOHWID flag:      no",
@@ -89,6 +91,7 @@ TEST_F(Devsim, EachOptionGivesTheLibraryItsAnswer) {
       EXPECT_NE(out.find(text), std::string::npos) << row.options << "\n" << out;
   }
   EXPECT_EQ(ReadFile("/proc/cmdline"), hostCmdline);
+  EXPECT_EQ(access(kScript, F_OK), hostScript);
 }
 
 // The environment outlives a run: the barcode stored in one is on the

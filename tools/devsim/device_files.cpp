@@ -10,8 +10,8 @@
 
 namespace qel_devsim {
 
-std::string HardwareIdRecord(const std::string& id) {
-  std::string body = ("HWID=" + id).substr(0, 251);
+std::string HardwareIdRecord(const std::string& text) {
+  std::string body = text;
   body.resize(252, '\0');
   const uint32_t crc = qel_util::Crc32(body.data(), body.size());
   std::string record;

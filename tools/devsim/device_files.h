@@ -8,9 +8,9 @@
 namespace qel_devsim {
 
 // The 256 data bytes of RPMB block 0 as the hardware-ID query reads them:
-// the little-endian CRC-32 of bytes 4..255, then "HWID=" + id, zero-padded.
-// An id too long for the record is cut to the 247 characters that fit.
-std::string HardwareIdRecord(const std::string& id);
+// the little-endian CRC-32 of bytes 4..255, then `text` ("HWID=" and the
+// ID), zero-padded; text beyond 252 bytes is cut off.
+std::string HardwareIdRecord(const std::string& text);
 
 // The eMMC CID register's sysfs text (32 hex digits and a newline) whose
 // last twelve digits are `serial`; "" when `serial` is not 1 to 12 hex digits.

@@ -110,7 +110,7 @@ std::string SetUpDevice(const Run& run) {
                    FirmwareScript(o.firmware)));
   const std::string image = o.rpmbImage.empty() ? kScratch + "/rpmb.img" : o.rpmbImage;
   if (o.rpmbImage.empty())  // 512 blocks, as many as the reader reaches
-    step(WriteFile(image, HardwareIdRecord(o.hwid) + std::string(511 * 256, '\0')));
+    step(WriteFile(image, HardwareIdRecord("HWID=" + o.hwid) + std::string(511 * 256, '\0')));
   step(WriteFile("/dev/mmcblk0rpmb", ""));
   setenv("QEL_RPMB_IMAGE", image.c_str(), 1);
   if (!o.rpmbResult.empty()) setenv("QEL_RPMB_RESULTS", o.rpmbResult.c_str(), 1);
@@ -148,13 +148,16 @@ std::string SetUpDevice(const Run& run) {
   std::string path = run.program;
   if (!run.armhfLibs.empty()) {
     // qemu would load the emulators itself; the guest gets them instead.
+    // The guest's C library comes from the root like its loader, not from a
+    // multiarch libc6:armhf that the loader's cache would find first.
     const char* set = std::getenv("QEMU_SET_ENV");
+    const char* given = std::getenv("QEL_ARMHF_SYSROOT");
+    const std::string root = given ? given : "/usr/arm-linux-gnueabihf";
     setenv("QEMU_SET_ENV", ("LD_PRELOAD=" + std::string(std::getenv("LD_PRELOAD")) +
+                            ",LD_LIBRARY_PATH=" + root + "/lib" +
                             (set ? "," + std::string(set) : "")).c_str(), 1);
     unsetenv("LD_PRELOAD");
-    const char* root = std::getenv("QEL_ARMHF_SYSROOT");
-    args.insert(args.begin(), {"qemu-arm", "-L", root ? root : "/usr/arm-linux-gnueabihf",
-                               "-0", args[0], run.program});
+    args.insert(args.begin(), {"qemu-arm", "-L", root, "-0", args[0], run.program});
     args.erase(args.begin() + 6);
     path = FindProgram("qemu-arm");
   }
