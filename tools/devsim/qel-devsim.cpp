@@ -152,9 +152,11 @@ std::string SetUpDevice(const Run& run) {
     // multiarch libc6:armhf that the loader's cache would find first.
     const char* set = std::getenv("QEMU_SET_ENV");
     const char* given = std::getenv("QEL_ARMHF_SYSROOT");
+    const char* libraries = std::getenv("LD_LIBRARY_PATH");
     const std::string root = given ? given : "/usr/arm-linux-gnueabihf";
     setenv("QEMU_SET_ENV", ("LD_PRELOAD=" + std::string(std::getenv("LD_PRELOAD")) +
-                            ",LD_LIBRARY_PATH=" + root + "/lib" +
+                            ",LD_LIBRARY_PATH=" + (libraries ? std::string(libraries) + ":" : "") +
+                            root + "/lib" +
                             (set ? "," + std::string(set) : "")).c_str(), 1);
     unsetenv("LD_PRELOAD");
     args.insert(args.begin(), {"qemu-arm", "-L", root, "-0", args[0], run.program});
