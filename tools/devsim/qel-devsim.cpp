@@ -85,7 +85,7 @@ std::string SetUpDevice(const Run& run) {
   };
   step(PrivateDev());
   step(MakeDirs(kScratch));
-  step(PrivateDir("/run", o.keepDir.empty() ? "" : o.keepDir + "/run"));
+  step(PrivateDir("/var/run", o.keepDir.empty() ? "" : o.keepDir + "/run"));
   step(PrivateDir("/home/root/log", o.keepDir.empty() ? "" : o.keepDir + "/log"));
   if (!why.empty()) return why;
   sethostname("qel-device", 10);
@@ -253,6 +253,10 @@ int Main(int argc, char** argv) {
   }
   for (std::string* path : {&o.envFile, &o.keepDir, &o.rpmbImage, &o.syslogFile})
     *path = Absolute(*path);
+  if (!o.rpmbImage.empty() && access(o.rpmbImage.c_str(), R_OK) != 0) {
+    std::fprintf(stderr, "qel-devsim: %s: %s\n", o.rpmbImage.c_str(), std::strerror(errno));
+    return kSimulatorFailed;
+  }
   run.nativeLibs = NativeEmulatorDir();
   if (run.nativeLibs.empty()) {
     std::fprintf(stderr, "qel-devsim: the emulators (%s, %s) are neither beside the"
