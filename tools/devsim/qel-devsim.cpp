@@ -234,8 +234,32 @@ void ShowSyslog(const Run& run, std::string raw) {
   _exit(status);
 }
 
-pid_t g_init = 0;
-void Forward(int signal) { if (g_init > 0) kill(g_init, signal); }
+pid_t g_child = 0;
+void Forward(int signal) { if (g_child > 0) kill(g_child, signal); }
+
+// Runs `body` in a child, passes SIGINT, SIGTERM and SIGHUP on to it and
+// gives its exit status.
+int InChild(void (*body)(const Run&), const Run& run) {
+  std::fflush(nullptr);
+  g_child = fork();
+  if (g_child == 0) body(run);
+  if (g_child < 0) return std::perror("qel-devsim: fork"), kSimulatorFailed;
+  int status = 0;
+  while (waitpid(g_child, &status, 0) < 0 && errno == EINTR) {}
+  return StatusOf(status);
+}
+
+// Owns the namespaces and starts their init. A process that made a PID
+// namespace can start no threads (a leak checker's at exit wants one), so
+// the caller stays outside.
+[[noreturn]] void Device(const Run& run) {
+  const std::string why = EnterNamespaces({true, true, true});
+  if (!why.empty()) {
+    std::fprintf(stderr, "qel-devsim: cannot make private namespaces: %s\n", why.c_str());
+    _exit(kSimulatorFailed);
+  }
+  _exit(InChild(Init, run));
+}
 
 int Main(int argc, char** argv) {
   Run run;
@@ -283,19 +307,8 @@ int Main(int argc, char** argv) {
     std::fprintf(stderr, "qel-devsim: %s: %s\n", o.syslogFile.c_str(), std::strerror(errno));
     return kSimulatorFailed;
   }
-  const std::string why = EnterNamespaces({true, true, true});
-  if (!why.empty()) {
-    std::fprintf(stderr, "qel-devsim: cannot make private namespaces: %s\n", why.c_str());
-    return kSimulatorFailed;
-  }
-  std::fflush(nullptr);
-  g_init = fork();
-  if (g_init == 0) Init(run);
-  if (g_init < 0) return std::perror("qel-devsim: fork"), kSimulatorFailed;
   for (int s : {SIGINT, SIGTERM, SIGHUP}) std::signal(s, Forward);
-  int status = 0;
-  while (waitpid(g_init, &status, 0) < 0 && errno == EINTR) {}
-  return StatusOf(status);
+  return InChild(Device, run);
 }
 
 }  // namespace
