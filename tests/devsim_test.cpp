@@ -4,11 +4,13 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <csignal>
 #include <string>
 #include <vector>
 
 #include <gtest/gtest.h>
 
+#include "devsim/device_files.h"
 #include "support/sandbox.h"
 #include "support/target.h"
 
@@ -92,6 +94,16 @@ TEST_F(Devsim, EachOptionGivesTheLibraryItsAnswer) {
   }
   EXPECT_EQ(ReadFile("/proc/cmdline"), hostCmdline);
   EXPECT_EQ(access(kScript, F_OK), hostScript);
+  // A partition image of the user's; the run lasts as long as a process
+  // left behind (a daemon).
+  std::string out;
+  ASSERT_TRUE(WriteFile(m_dir + "/rpmb.img", qel_devsim::HardwareIdRecord("HWID=IMG1")));
+  EXPECT_EQ(Simulate("--rpmb-image " + m_dir + "/rpmb.img",
+                     "sh -c '(sleep 0.3; echo late) & $DEVINFO | head -1'", &out), 0);
+  EXPECT_EQ(out, "device ID:        IMG1 (error 0)\nlate\n");
+  // SIGTERM to the simulator alone ends every process inside.
+  EXPECT_EQ(Shell(QEL_DEVSIM " -- sh -c 'sleep 60 & sleep 60' & sleep 0.5;"
+                  " kill $!; wait $!"), 128 + SIGTERM);
 }
 
 // The environment outlives a run: the barcode stored in one is on the
