@@ -1,52 +1,36 @@
 #!/bin/bash
-# Builds the example service and shows the daemon framework at work, in a
-# throw-away sandbox (private mount, IPC, network and PID namespaces), so that
-# nothing of the host's /var/run, /home or syslog is touched.
+# Builds the example service and shows the daemon framework at work on a
+# simulated device (qel-devsim), so that nothing of the host's /var/run,
+# /home or syslog is touched; then the device identity under the simulator.
 set -euo pipefail
 root=$(cd "$(dirname "$0")/.." && pwd)
 
+# The service runs under qel-devsim (tools/devsim), the simulated device:
+# private mount, IPC, network and PID namespaces, its own /var/run, /home and
+# /dev/log, and a bridged network with known neighbours.
 if [ "${1:-}" != "--inside" ]; then
   bash "$root/scripts/install-deps.sh"
   cmake -S "$root" -B "$root/build" >/dev/null
   cmake --build "$root/build" -j "$(nproc)" >/dev/null
-  user=()
-  [ "$(id -u)" -eq 0 ] || user=(--user --map-root-user)
-  unshare "${user[@]}" --mount --ipc --net --pid --fork --mount-proc \
-    bash "$0" --inside
-  printf '\n\033[1m== Device identity: qel-devinfo on an emulated device\033[0m\n'
+  syslog=$(mktemp)
+  trap 'rm -f "$syslog"' EXIT
+  "$root/build/tools/devsim/qel-devsim" --syslog "$syslog" \
+    --neighbour 10.0.0.2=role --neighbour 10.0.0.3=other \
+    --neighbour 10.0.1.7=none -- bash "$0" --inside "$syslog"
+  printf '\n\033[1m== Device identity: qel-devinfo under qel-devsim\033[0m\n'
   bash "$root/scripts/devinfo-demo.sh" "$root/build"
   exit 0
 fi
 
-# --- inside the sandbox -----------------------------------------------------
+# --- inside the simulated device --------------------------------------------
 bin="$root/build/examples"
+syslog=$2
 step() { printf '\n\033[1m== %s\033[0m\n' "$*"; }
-
-mount --make-rprivate /
-mount -t tmpfs tmpfs /run        # /var/run
-mount -t tmpfs tmpfs /home
-mount -t tmpfs tmpfs /mnt
-mkdir /mnt/dev && mount --rbind /dev /mnt/dev
-mount -t tmpfs tmpfs /dev        # a /dev of our own, for /dev/log
-for node in null zero random urandom tty; do
-  touch "/dev/$node" && mount --bind "/mnt/dev/$node" "/dev/$node"
-done
-ip link set lo up
-
-# A syslog listener on the private /dev/log: one line per message.
-python3 -u - <<'PY' > /mnt/syslog.txt 2>&1 &
-import socket
-s = socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM)
-s.bind("/dev/log")
-while True:
-    print("  syslog| " + s.recv(8192).decode(errors="replace"), flush=True)
-PY
-while [ ! -S /dev/log ]; do sleep 0.05; done
 shown=0
 show_syslog() {
   sleep 0.3
-  tail -n +$((shown + 1)) /mnt/syslog.txt
-  shown=$(wc -l < /mnt/syslog.txt)
+  tail -n +$((shown + 1)) "$syslog" | sed 's/^/  syslog| /'
+  shown=$(wc -l < "$syslog")
 }
 wait_for() { for _ in $(seq 100); do [ -e "$1" ] && return 0; sleep 0.05; done; return 1; }
 
@@ -65,15 +49,8 @@ echo "  \$ qel-exampled-client 'hello over the queue'"
 show_syslog
 
 step "A real peer (Python's socket module) sends datagrams to the abstract socket"
-# A small network for the neighbour check: ap0 and eth0 are veth devices,
-# br0 a bridge whose port client1 reaches 10.0.1.7.
-veth() { ip link add "$1" type veth peer name "p-$1"; ip link set "p-$1" up; ip link set "$1" up; }
-veth ap0; veth eth0; veth client1
-ip link add br0 type bridge && ip link set br0 up && ip link set client1 master br0
-ip neigh add 10.0.0.2 lladdr 02:00:00:00:00:02 dev ap0 nud permanent
-ip neigh add 10.0.0.3 lladdr 02:00:00:00:00:03 dev eth0 nud permanent
-ip neigh add 10.0.1.7 lladdr 02:00:00:00:01:07 dev br0 nud permanent
-bridge fdb add 02:00:00:00:01:07 dev client1 master static
+# qel-devsim made the network: 10.0.0.2 behind a role port, 10.0.0.3 on
+# eth0, 10.0.1.7 behind the bridge on no known port.
 sed 's/^/  arp| /' /proc/net/arp
 python3 - <<'PY'
 import socket

@@ -12,4 +12,10 @@ if [ -n "${LD_PRELOAD:-}" ]; then
   export QEMU_SET_ENV
   unset LD_PRELOAD
 fi
-exec qemu-arm -L "${QEL_ARMHF_SYSROOT:-/usr/arm-linux-gnueabihf}" "$@"
+# The guest's loader comes from the root, so its C library must as well: a
+# multiarch libc6:armhf of the build machine, which the loader's cache would
+# find first, is another build of glibc and breaks fork.
+root=${QEL_ARMHF_SYSROOT:-/usr/arm-linux-gnueabihf}
+QEMU_SET_ENV="LD_LIBRARY_PATH=${LD_LIBRARY_PATH:+$LD_LIBRARY_PATH:}$root/lib${QEMU_SET_ENV:+,$QEMU_SET_ENV}"
+export QEMU_SET_ENV
+exec qemu-arm -L "$root" "$@"

@@ -21,7 +21,6 @@ namespace qel_util {
 namespace {
 
 using Bytes = std::vector<unsigned char>;
-using qel_test::Shell;
 
 // True on the emulated bus; elsewhere runs the current test there instead.
 bool OnEmulatedBus() {
@@ -169,22 +168,6 @@ TEST(I2cAdapter, CombinedTransfer) {
   messages[2].addr = 0x49;
   EXPECT_TRUE(
       FailsWith(EREMOTEIO, [&] { return adapter.ReadWrite(transfer); }));
-}
-
-// The emulator answers i2c-tools as the kernel would: the combined transfer
-// and the capability bits that the tests above rely on.
-TEST(I2cAdapter, ToolsSeeWhatTheAdapterSees) {
-  QEL_REQUIRE_NO_EMULATOR(
-      "the build machine's i2c-tools cannot load the target's bus emulator");
-  QEL_ON_EMULATED_BUS();
-  std::string out;
-  Shell("i2ctransfer -y 0 w1@0x50 0x10 r4", &out);
-  EXPECT_EQ(out, "0x4a 0x4b 0x48 0x49\n");
-  ASSERT_EQ(Shell("i2cdetect -F 0", &out), 0);
-  for (const char* line : {"\nI2C                              yes\n",
-                           "\nSMBus Read Byte                  yes\n",
-                           "\nSMBus Read Word                  no\n"})
-    EXPECT_NE(out.find(line), std::string::npos) << out;
 }
 
 }  // namespace

@@ -1,5 +1,5 @@
 # The probe runs from a shell (through qemu when cross) with the emulator.
-add_dependencies(rpmb_test rpmb_emulator rpmb_probe)
-qel_test_program_command(rpmb_probe probe)
+add_dependencies(rpmb_test qel_rpmb_emulator device_probe)
+qel_test_program_command(device_probe probe)
 target_compile_definitions(rpmb_test PRIVATE
-  QEL_RPMB_EMULATOR="$<TARGET_FILE:rpmb_emulator>" QEL_RPMB_PROBE="${probe}")
+  QEL_RPMB_EMULATOR="$<TARGET_FILE:qel_rpmb_emulator>" QEL_RPMB_PROBE="${probe}")

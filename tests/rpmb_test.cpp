@@ -5,7 +5,6 @@
 #include <syslog.h>
 #include <unistd.h>
 
-#include <cstdint>
 #include <string>
 #include <vector>
 
@@ -13,6 +12,7 @@
 
 #include "qel_util/hw.h"
 #include "qel_util/system.h"
+#include "devsim/device_files.h"
 #include "support/sandbox.h"
 #include "support/stderr_capture.h"
 #include "support/syslog_capture.h"
@@ -183,17 +183,8 @@ TEST(RpmbReader, OnlyTheMaskedResultOfTheLastFrameCounts) {
   });
 }
 
-// A 256-byte record holding `text` (zero-padded) behind its little-endian
-// CRC-32 (Crc32 itself is checked against zlib).
-std::string Record(const std::string& text) {
-  std::string body = text;
-  body.resize(252, '\0');
-  const uint32_t crc = qel_util::Crc32(body.data(), 252);
-  std::string record;
-  for (int shift = 0; shift < 32; shift += 8)
-    record += static_cast<char>(crc >> shift);
-  return record + body;
-}
+// The simulator's record writer, whose CRC-32 is checked against zlib.
+constexpr auto Record = &qel_devsim::HardwareIdRecord;
 
 // GetDeviceID logs the record's own failure code, so its answer and log
 // cover GetHardwareID's codes as well.

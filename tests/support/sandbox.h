@@ -1,14 +1,17 @@
 #ifndef QEL_TESTS_SUPPORT_SANDBOX_H_
 #define QEL_TESTS_SUPPORT_SANDBOX_H_
 
-// Runs a test body in a forked child in private mount and IPC namespaces
-// (inside a user namespace when not root), where "/dev" is a private tmpfs
-// with the usual nodes ("/dev/log" is free) and "/run", "/mnt" (scratch) and
-// "/home" are empty tmpfs.
+// Runs a test body in a forked child inside the sandbox of qel-devsim
+// (tools/devsim/sandbox.h): private mount and IPC namespaces (inside a user
+// namespace when not root), a private "/dev" ("/dev/log" is free), and empty
+// tmpfs on "/run", "/mnt" (scratch) and "/home". The helpers below fail the
+// calling test on error.
 
 #include <functional>
 #include <string>
 #include <gtest/gtest.h>
+
+#include "devsim/sandbox.h"
 
 namespace qel_test {
 
@@ -32,11 +35,12 @@ const std::string& SandboxUnavailable();
 void RunInSandbox(const std::function<void()>& body,
                   SandboxOptions options = {});
 
-// Fixture helpers for a sandbox: each fails the test on error.
+using qel_devsim::ReadFile;
+using qel_devsim::Shell;
+
 std::string ScratchPath(const std::string& name);  // "/mnt/<name>"
 bool WriteFile(const std::string& path, const std::string& content,
                unsigned mode = 0644);
-std::string ReadFile(const std::string& path);  // "" when unreadable
 bool MakeDirs(const std::string& path, unsigned mode = 0755);
 bool MountTmpfs(const std::string& dir);
 // Binds a scratch file over `target`; a missing one is created, under an
@@ -44,9 +48,6 @@ bool MountTmpfs(const std::string& dir);
 bool MountFile(const std::string& target, const std::string& content,
                unsigned mode = 0644);
 bool MountScript(const std::string& target, const std::string& script);
-
-// Exit status of `command` run by /bin/sh (-1 if it could not), and output.
-int Shell(const std::string& command, std::string* output = nullptr);
 
 // Descriptors open in this process, as "number -> target" lines.
 std::string OpenDescriptors();

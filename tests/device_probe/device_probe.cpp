@@ -1,9 +1,11 @@
-// Calls the RPMB reader from its own process, so that a test can start it
-// with the RPMB emulator preloaded:
-//   rpmb_probe read ADDRESS COUNT FILE  ReadData into 1000 bytes 0xEE; prints
-//                                       "<result> <size>", buffer to FILE
-//   rpmb_probe hwid                     prints "<code> [<id>]"
-//   rpmb_probe deviceid                 prints "<error> [<id>]"
+// Calls the library from its own process, so that a test can start it with
+// the emulators preloaded or under qel-devsim:
+//   device_probe read ADDRESS COUNT FILE  ReadData into 1000 bytes 0xEE;
+//                                         prints "<result> <size>", buffer
+//                                         to FILE
+//   device_probe hwid                     prints "<code> [<id>]"
+//   device_probe deviceid                 prints "<error> [<id>]"
+//   device_probe setasn ASN               SetBarcodeASN; prints 1 or 0
 
 #include <cstdio>
 #include <cstdlib>
@@ -29,6 +31,8 @@ int main(int argc, char** argv) {
   }
   if (command == "hwid") {
     code = qel_util::MmcPrivateData().GetHardwareID(id);
+  } else if (command == "setasn" && argc == 3) {
+    return std::printf("%d\n", qel_util::system::SetBarcodeASN(argv[2])) < 0;
   } else if (command == "deviceid") {
     id = qel_util::system::GetDeviceID(code);
   } else {

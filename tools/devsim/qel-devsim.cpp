@@ -1,0 +1,317 @@
+// qel-devsim: runs a program as if on the device. In private namespaces the
+// kernel command line, the eMMC CID, the RPMB hardware-ID record, the
+// firmware version script, I2C buses, the boot-loader environment, a bridged
+// network and /dev/log are what the device would give; nothing on the host
+// changes. See qel-devsim(1).
+
+#include <poll.h>
+#include <sys/mount.h>
+#include <sys/prctl.h>
+#include <sys/signalfd.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <csignal>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <string>
+#include <vector>
+
+#include "device_files.h"
+#include "network.h"
+#include "options.h"
+#include "program.h"
+#include "sandbox.h"
+#include "syslog_listener.h"
+
+namespace qel_devsim {
+namespace {
+
+constexpr int kSimulatorFailed = 125, kCannotRun = 126, kNotFound = 127;
+const std::string kScratch = "/dev/.qel-devsim";
+
+// Exit statuses as a shell gives them: a signal's death is 128 + signal.
+int StatusOf(int wait) {
+  return WIFEXITED(wait) ? WEXITSTATUS(wait) : 128 + WTERMSIG(wait);
+}
+
+struct Run {
+  Options options;
+  std::string program;       // absolute path
+  std::string nativeLibs;    // emulators of this machine
+  std::string armhfLibs;     // "" unless the program is armhf
+  FILE* syslogFile = nullptr;
+};
+
+// An empty directory of our own at `dir`, or `keep` bound there.
+std::string PrivateDir(const std::string& dir, const std::string& keep) {
+  std::string why;
+  struct stat st;
+  if (stat(dir.c_str(), &st) != 0)
+    why = PlaceFile(kScratch, dir + "/.qel-devsim", "");  // makes the path
+  if (why.empty()) why = keep.empty() ? MountTmpfs(dir) : MakeDirs(keep);
+  if (why.empty() && !keep.empty()) why = Bind(keep, dir);
+  return why;
+}
+
+// Each loader resolves $LIB to its own library directory, so a native
+// program, an armhf one under qemu and their children all find emulators
+// of their own architecture through the same LD_PRELOAD.
+std::string StagePreload(const Run& run) {
+  std::string preload;
+  const std::pair<std::string, std::string> dirs[] = {
+      {"lib/" QEL_DEVSIM_MULTIARCH, run.nativeLibs}, {"lib64", run.nativeLibs},
+      {"lib", run.nativeLibs}, {"lib/arm-linux-gnueabihf", run.armhfLibs}};
+  for (const auto& dir : dirs) {
+    if (dir.second.empty() || dir.first == "lib/") continue;
+    if (!MakeDirs(kScratch + "/" + dir.first).empty()) continue;
+    for (const char* name : kEmulators)
+      symlink((dir.second + "/" + name).c_str(),
+              (kScratch + "/" + dir.first + "/" + name).c_str());
+  }
+  for (const char* name : kEmulators)
+    preload += (preload.empty() ? "" : ":") + kScratch + "/$LIB/" + name;
+  return preload;
+}
+
+std::string SetUpDevice(const Run& run) {
+  const Options& o = run.options;
+  std::string why;
+  auto step = [&why](const std::string& result) {
+    if (why.empty()) why = result;
+  };
+  step(PrivateDev());
+  step(MakeDirs(kScratch));
+  step(PrivateDir("/var/run", o.keepDir.empty() ? "" : o.keepDir + "/run"));
+  step(PrivateDir("/home/root/log", o.keepDir.empty() ? "" : o.keepDir + "/log"));
+  if (!why.empty()) return why;
+  sethostname("qel-device", 10);
+
+  std::string barcode = o.barcode;
+  if (access("/usr/bin/fw_setenv", X_OK) == 0) {
+    step(SetUpBootEnvironment(kScratch,
+                              o.envFile.empty() ? kScratch + "/uboot.env" : o.envFile,
+                              o.barcode, &barcode));
+  } else if (!o.envFile.empty()) {
+    return "--env needs /usr/bin/fw_setenv (Debian: libubootenv-tool)";
+  }
+  const std::string cmdline =
+      o.cmdlineGiven ? o.cmdline
+                     : "console=ttyS0,115200 root=/dev/mmcblk0p2 rootwait" +
+                           (barcode.empty() ? "" : " barcode=" + barcode) +
+                           (o.nohwid ? " NOHWID" : "");
+  step(PlaceFile(kScratch, "/proc/cmdline", cmdline + "\n"));
+  step(PlaceFile(kScratch, "/sys/bus/mmc/devices/mmc0:0001/cid",
+                 o.cid.empty() ? CidForSerial(o.serial) : o.cid));
+  step(PlaceScript(kScratch, "/usr/bin/ubi_get_volume_versions.sh",
+                   FirmwareScript(o.firmware)));
+  const std::string image = o.rpmbImage.empty() ? kScratch + "/rpmb.img" : o.rpmbImage;
+  if (o.rpmbImage.empty())  // 512 blocks, as many as the reader reaches
+    step(WriteFile(image, HardwareIdRecord("HWID=" + o.hwid) + std::string(511 * 256, '\0')));
+  step(WriteFile("/dev/mmcblk0rpmb", ""));
+  setenv("QEL_RPMB_IMAGE", image.c_str(), 1);
+  if (!o.rpmbResult.empty()) setenv("QEL_RPMB_RESULTS", o.rpmbResult.c_str(), 1);
+  setenv("QEL_I2C_EMULATOR_ADAPTERS", o.i2c.c_str(), 1);
+  for (size_t at = 0; at < o.i2c.size();) {
+    const size_t comma = std::min(o.i2c.find(',', at), o.i2c.size());
+    if (comma > at) step(WriteFile("/dev/i2c-" + o.i2c.substr(at, comma - at), ""));
+    at = comma + 1;
+  }
+  std::string output;
+  if (why.empty() &&
+      Shell((o.network ? NetworkScript(o.neighbours) : "ip link set lo up") +
+                " 2>&1", &output) != 0)
+    why = "setting up the network: " + output;
+  if (why.empty() && o.network) {
+    std::string list;
+    for (const Neighbour& n : o.neighbours)
+      list += " " + n.address + "=" + std::to_string(n.answer);
+    std::fprintf(stderr, "qel-devsim: neighbours (CheckIPv4Address):%s\n",
+                 list.c_str());
+  }
+  const std::string preload = StagePreload(run);
+  const char* old = std::getenv("LD_PRELOAD");
+  setenv("LD_PRELOAD", (preload + (old ? ":" + std::string(old) : "")).c_str(), 1);
+  // A sanitized program wants its runtime first among preloaded objects.
+  const char* asan = std::getenv("ASAN_OPTIONS");
+  setenv("ASAN_OPTIONS",
+         ((asan ? std::string(asan) + ":" : "") + "verify_asan_link_order=0").c_str(), 1);
+  return why;
+}
+
+[[noreturn]] void ExecProgram(const Run& run, const sigset_t& mask) {
+  sigprocmask(SIG_SETMASK, &mask, nullptr);
+  std::vector<std::string> args = run.options.program;
+  std::string path = run.program;
+  if (!run.armhfLibs.empty()) {
+    // qemu would load the emulators itself; the guest gets them instead.
+    // The guest's C library comes from the root like its loader, not from a
+    // multiarch libc6:armhf that the loader's cache would find first.
+    const char* set = std::getenv("QEMU_SET_ENV");
+    const char* given = std::getenv("QEL_ARMHF_SYSROOT");
+    const char* libraries = std::getenv("LD_LIBRARY_PATH");
+    const std::string root = given ? given : "/usr/arm-linux-gnueabihf";
+    setenv("QEMU_SET_ENV", ("LD_PRELOAD=" + std::string(std::getenv("LD_PRELOAD")) +
+                            ",LD_LIBRARY_PATH=" + (libraries ? std::string(libraries) + ":" : "") +
+                            root + "/lib" +
+                            (set ? "," + std::string(set) : "")).c_str(), 1);
+    unsetenv("LD_PRELOAD");
+    args.insert(args.begin(), {"qemu-arm", "-L", root, "-0", args[0], run.program});
+    args.erase(args.begin() + 6);
+    path = FindProgram("qemu-arm");
+  }
+  std::vector<char*> argv;
+  for (std::string& arg : args) argv.push_back(&arg[0]);
+  argv.push_back(nullptr);
+  execv(path.c_str(), argv.data());
+  std::fprintf(stderr, "qel-devsim: %s: %s\n", path.c_str(), std::strerror(errno));
+  _exit(errno == ENOENT ? kNotFound : kCannotRun);
+}
+
+// One line per datagram: the raw text in a file, "level ident[pid]: message"
+// on standard error.
+void ShowSyslog(const Run& run, std::string raw) {
+  if (!raw.empty() && raw.back() == '\n') raw.pop_back();
+  if (run.syslogFile) {
+    std::fprintf(run.syslogFile, "%s\n", raw.c_str());
+    std::fflush(run.syslogFile);
+    return;
+  }
+  static const char* const kLevels[] = {"emerg", "alert", "crit", "err",
+                                        "warning", "notice", "info", "debug"};
+  const SyslogLine line = ParseSyslogLine(raw);
+  const std::string pid = line.pid ? "[" + std::to_string(line.pid) + "]" : "";
+  if (line.priority < 0)
+    std::fprintf(stderr, "syslog| %s\n", raw.c_str());
+  else
+    std::fprintf(stderr, "syslog| %s %s%s: %s\n", kLevels[line.priority & 7],
+                 line.ident.c_str(), pid.c_str(), line.message.c_str());
+}
+
+// Pid 1 of the device: sets it up, starts the program, shows its syslog and
+// reaps every process until none is left (daemons included). SIGINT and
+// SIGTERM stop them all.
+[[noreturn]] void Init(const Run& run) {
+  if (mount("proc", "/proc", "proc", MS_NOSUID | MS_NODEV | MS_NOEXEC, nullptr) != 0) {
+    std::fprintf(stderr, "qel-devsim: mounting /proc: %s\n", std::strerror(errno));
+    _exit(kSimulatorFailed);
+  }
+  const std::string why = SetUpDevice(run);
+  SyslogListener syslog;
+  if (!why.empty() || !syslog.Error().empty()) {
+    std::fprintf(stderr, "qel-devsim: %s\n", (why.empty() ? syslog.Error() : why).c_str());
+    _exit(kSimulatorFailed);
+  }
+  sigset_t signals, old;
+  sigemptyset(&signals);
+  for (int s : {SIGCHLD, SIGINT, SIGTERM, SIGHUP}) sigaddset(&signals, s);
+  sigprocmask(SIG_BLOCK, &signals, &old);
+  const int events = signalfd(-1, &signals, SFD_CLOEXEC);
+  std::fflush(nullptr);
+  const pid_t program = fork();
+  if (program == 0) ExecProgram(run, old);
+  int status = kSimulatorFailed;
+  for (bool children = program > 0; children;) {
+    pollfd ready[] = {{syslog.Fd(), POLLIN, 0}, {events, POLLIN, 0}};
+    poll(ready, 2, -1);
+    for (const std::string& line : syslog.Take(0, std::chrono::milliseconds(0)))
+      ShowSyslog(run, line);
+    signalfd_siginfo info;
+    if (!(ready[1].revents & POLLIN) || read(events, &info, sizeof info) <= 0) continue;
+    if (info.ssi_signo != SIGCHLD) kill(-1, SIGTERM);
+    int wait = 0;
+    for (pid_t pid; (pid = waitpid(-1, &wait, WNOHANG)) != 0;) {
+      if (pid < 0) { children = false; break; }
+      if (pid == program) status = StatusOf(wait);
+    }
+  }
+  for (const std::string& line : syslog.Take(0, std::chrono::milliseconds(0)))
+    ShowSyslog(run, line);
+  std::fflush(nullptr);
+  _exit(status);
+}
+
+pid_t g_child = 0;
+void Forward(int signal) { if (g_child > 0) kill(g_child, signal); }
+
+// Runs `body` in a child, passes SIGINT, SIGTERM and SIGHUP on to it and
+// gives its exit status.
+int InChild(void (*body)(const Run&), const Run& run) {
+  std::fflush(nullptr);
+  g_child = fork();
+  if (g_child == 0) body(run);
+  if (g_child < 0) return std::perror("qel-devsim: fork"), kSimulatorFailed;
+  int status = 0;
+  while (waitpid(g_child, &status, 0) < 0 && errno == EINTR) {}
+  return StatusOf(status);
+}
+
+// Owns the namespaces and starts their init. A process that made a PID
+// namespace can start no threads (a leak checker's at exit wants one), so
+// the caller stays outside.
+[[noreturn]] void Device(const Run& run) {
+  const std::string why = EnterNamespaces({true, true, true});
+  if (!why.empty()) {
+    std::fprintf(stderr, "qel-devsim: cannot make private namespaces: %s\n", why.c_str());
+    _exit(kSimulatorFailed);
+  }
+  _exit(InChild(Init, run));
+}
+
+int Main(int argc, char** argv) {
+  Run run;
+  const std::string problem = ParseOptions(argc, argv, &run.options);
+  if (problem == "help") return std::fputs(kUsage, stdout), 0;
+  if (!problem.empty()) {
+    std::fprintf(stderr, "qel-devsim: %s\n%s", problem.c_str(), kUsage);
+    return kSimulatorFailed;
+  }
+  Options& o = run.options;
+  run.program = FindProgram(o.program[0]);
+  if (run.program.empty()) {
+    std::fprintf(stderr, "qel-devsim: %s: not found\n", o.program[0].c_str());
+    return kNotFound;
+  }
+  for (std::string* path : {&o.envFile, &o.keepDir, &o.rpmbImage, &o.syslogFile})
+    *path = Absolute(*path);
+  if (!o.rpmbImage.empty() && access(o.rpmbImage.c_str(), R_OK) != 0) {
+    std::fprintf(stderr, "qel-devsim: %s: %s\n", o.rpmbImage.c_str(), std::strerror(errno));
+    return kSimulatorFailed;
+  }
+  run.nativeLibs = NativeEmulatorDir();
+  if (run.nativeLibs.empty()) {
+    std::fprintf(stderr, "qel-devsim: the emulators (%s, %s) are neither beside the"
+                 " tool nor in " QEL_DEVSIM_FULL_LIBDIR "/qel_util\n",
+                 kEmulators[0], kEmulators[1]);
+    return kSimulatorFailed;
+  }
+  if (NeedsArmEmulator(run.program)) {
+    run.armhfLibs = ArmhfEmulatorDir(o.armhfLibs);
+    const char* missing = FindProgram("qemu-arm").empty()
+                              ? "qemu-arm (Debian: qemu-user)"
+                          : run.armhfLibs.empty()
+                              ? "the armhf emulators (--armhf-libs DIR, or"
+                                " scripts/armhf.sh beside this build)"
+                              : nullptr;
+    if (missing) {
+      std::fprintf(stderr, "qel-devsim: %s is an armhf program and needs %s\n",
+                   run.program.c_str(), missing);
+      return kSimulatorFailed;
+    }
+  }
+  if (!o.syslogFile.empty() &&
+      !(run.syslogFile = std::fopen(o.syslogFile.c_str(), "we"))) {
+    std::fprintf(stderr, "qel-devsim: %s: %s\n", o.syslogFile.c_str(), std::strerror(errno));
+    return kSimulatorFailed;
+  }
+  for (int s : {SIGINT, SIGTERM, SIGHUP}) std::signal(s, Forward);
+  return InChild(Device, run);
+}
+
+}  // namespace
+}  // namespace qel_devsim
+
+int main(int argc, char** argv) { return qel_devsim::Main(argc, argv); }
