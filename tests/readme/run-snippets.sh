@@ -1,30 +1,24 @@
 #!/bin/bash
-# Runs each README program as the README shows it, in private mount, IPC and
-# PID namespaces with an empty /var/run and /home, so nothing of the host
-# changes. A program that writes a pid file is a daemon: it must keep running
-# until SIGTERM and then remove its pid file. Any program must exit 0.
-#   run-snippets.sh PROGRAM...   ($QEL_EMULATOR runs programs of another
-#                                 architecture)
+# Runs each README program as the README shows it, on the simulated device
+# (qel-devsim), so nothing of the host changes. A program that writes a pid
+# file is a daemon: it must keep running until SIGTERM and then remove its
+# pid file. Any program must exit 0.
+#   run-snippets.sh QEL-DEVSIM PROGRAM...
 set -euo pipefail
 if [ "${1:-}" != --inside ]; then
-  user=()
-  if [ "$(id -u)" -ne 0 ]; then
-    if ! unshare --user --map-root-user true 2>/dev/null; then
-      echo "[  SKIPPED ] needs root or a user namespace, which the kernel refuses"
-      exit 77
-    fi
-    user=(--user --map-root-user)
+  devsim=$1
+  shift
+  if [ -n "${QEL_EMULATOR:-}" ]; then
+    echo "[  SKIPPED ] qel-devsim of this build runs on the device, not here"
+    exit 77
   fi
-  exec unshare "${user[@]}" --mount --ipc --pid --fork --mount-proc \
-    bash "$0" --inside "$@"
+  status=0
+  "$devsim" -- bash "$0" --inside "$@" || status=$?
+  # The simulator's own failure (a refused namespace) is no fault of theirs.
+  [ "$status" -ne 125 ] || { echo "[  SKIPPED ] qel-devsim cannot run here"; exit 77; }
+  exit "$status"
 fi
 shift
-
-mount --make-rprivate /
-mount -t tmpfs tmpfs /var/run
-mount -t tmpfs tmpfs /home
-# Syslog lines go nowhere rather than into the host's log.
-[ -e /dev/log ] && mount --bind /dev/null /dev/log
 
 wait_until() {  # wait_until TEST...: up to five seconds
   for _ in $(seq 100); do "$@" && return 0; sleep 0.05; done
@@ -34,10 +28,7 @@ wait_until() {  # wait_until TEST...: up to five seconds
 for program in "$@"; do
   name=$(basename "$program")
   pidfile=/var/run/$name.pid
-  # shellcheck disable=SC2086  # the emulator may be a command with options
-  if ! $QEL_EMULATOR "$program" </dev/null; then
-    echo "$name: exited with a failure"; exit 1
-  fi
+  "$program" </dev/null || { echo "$name: exited with a failure"; exit 1; }
   if wait_until test -s "$pidfile"; then
     pid=$(cat "$pidfile")
     sleep 0.2
