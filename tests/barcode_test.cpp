@@ -11,6 +11,7 @@
 
 #include "qel_util/system.h"
 #include "support/descriptor_limit.h"
+#include "support/host_tool.h"
 #include "support/sandbox.h"
 #include "support/target.h"
 #include "system/barcode.h"
@@ -104,6 +105,7 @@ std::string Stored() {
 
 TEST(SetBarcodeASN, StoresWhenTheToolSaysOKWithTheSwitchReleased) {
   QEL_REQUIRE_SANDBOX();
+  QEL_REQUIRE_HOST_PROGRAM("/usr/bin/fw_setenv", "libubootenv-tool");
   RunInSandbox([] {
     SetUpDevice(std::string("a=1 barcode=") + kRaw + " rootwait\n");
     EXPECT_TRUE(SetBarcodeASN(" B987654321\t"));
@@ -127,6 +129,7 @@ TEST(SetBarcodeASN, StoresWhenTheToolSaysOKWithTheSwitchReleased) {
 
 TEST(SetBarcodeASN, RefusesOrThrowsLeavingTheSwitchSet) {
   QEL_REQUIRE_SANDBOX();
+  QEL_REQUIRE_HOST_PROGRAM("/usr/bin/fw_setenv", "libubootenv-tool");
   RunInSandbox([] {
     SetUpDevice(std::string("barcode=") + kRaw + " quiet\n");
     for (const std::string& asn : {std::string(" B98765432 "), kC31,

@@ -11,6 +11,7 @@
 #include <gtest/gtest.h>
 
 #include "devsim/device_files.h"
+#include "support/host_tool.h"
 #include "support/sandbox.h"
 #include "support/target.h"
 
@@ -33,6 +34,9 @@ class Devsim : public testing::Test {
   void SetUp() override {
     QEL_REQUIRE_NO_EMULATOR("the simulator is a tool of the build machine");
     QEL_REQUIRE_SANDBOX();
+    QEL_REQUIRE_HOST_PROGRAM("ip", "iproute2");
+    QEL_REQUIRE_HOST_PROGRAM("/usr/bin/fw_setenv", "libubootenv-tool");
+    QEL_REQUIRE_HOST_PROGRAM("i2ctransfer", "i2c-tools");
     char dir[] = "/tmp/qel-devsim-test.XXXXXX";
     ASSERT_NE(mkdtemp(dir), nullptr);
     m_dir = dir;

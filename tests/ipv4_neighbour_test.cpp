@@ -11,6 +11,7 @@
 #include <utility>
 
 #include "qel_util/net.h"
+#include "support/host_tool.h"
 #include "support/sandbox.h"
 
 namespace qel_util {
@@ -39,6 +40,8 @@ bridge fdb add 02:00:00:00:00:12 dev eth1 master static
 
 void WithNetwork(void (*body)()) {
   QEL_REQUIRE_SANDBOX();
+  QEL_REQUIRE_HOST_PROGRAM("ip", "iproute2");
+  QEL_REQUIRE_HOST_PROGRAM("bridge", "iproute2");
   qel_test::SandboxOptions options;
   options.network = true;
   qel_test::RunInSandbox(

@@ -13,6 +13,7 @@
 #include "qel_util/hw.h"
 #include "qel_util/system.h"
 #include "devsim/device_files.h"
+#include "support/host_tool.h"
 #include "support/sandbox.h"
 #include "support/stderr_capture.h"
 #include "support/syslog_capture.h"
@@ -138,9 +139,8 @@ TEST(RpmbReader, MmcUtilsReadsTheSameBytesFromTheEmulator) {
   QEL_REQUIRE_NO_EMULATOR(
       "the build machine's mmc-utils cannot load the target's RPMB emulator");
   QEL_REQUIRE_SANDBOX();
+  QEL_REQUIRE_HOST_PROGRAM("mmc", "mmc-utils");
   RunInSandbox([] {
-    if (Shell("command -v mmc >/dev/null") != 0)
-      GTEST_SKIP() << "mmc-utils is not installed";
     const std::string image = PartitionImage();
     const RpmbRun mmc =
         RunOnRpmb(image, "mmc rpmb read-block /dev/mmcblk0rpmb 0x1FB 4 $D");

@@ -6,6 +6,7 @@
 #include <string>
 #include <gtest/gtest.h>
 #include "qel_util/net.h"
+#include "support/host_tool.h"
 #include "support/sandbox.h"
 #include "support/stderr_capture.h"
 
@@ -79,6 +80,7 @@ TEST(UdpSocket, ATakenNameFailsThreeTimesOverAboutThreeHundredMs) {
 // A peer written by somebody else: Python pads the name to the whole path.
 TEST(UdpServer, ExchangesDatagramsWithAPythonPeer) {
   QEL_REQUIRE_SANDBOX();
+  QEL_REQUIRE_HOST_PROGRAM("python3", "python3");
   InPrivateNames([] {
     const std::string script = qel_test::ScratchPath("peer.py");
     ASSERT_TRUE(qel_test::WriteFile(script, R"(

@@ -8,6 +8,8 @@
 #include <cerrno>
 #include <cstring>
 
+#include "devsim/network.h"
+
 namespace qel_test {
 namespace {
 
@@ -47,8 +49,7 @@ int WaitForExit(pid_t pid) {
       why = "a PID namespace with its /proc: " + std::string(std::strerror(errno));
   }
   if (why.empty()) why = PrepareFileSystem();
-  if (why.empty() && options.network && Shell("ip link set lo up") != 0)
-    why = "cannot bring lo up";
+  if (why.empty() && options.network) why = qel_devsim::LoopbackUp();
   if (!why.empty()) {
     std::fprintf(stderr, "sandbox: %s\n", why.c_str());
     _exit(kSetupFailedStatus);

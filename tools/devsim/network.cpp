@@ -1,8 +1,14 @@
 #include "network.h"
 
 #include <arpa/inet.h>
+#include <net/if.h>
+#include <sys/ioctl.h>
+#include <sys/socket.h>
+#include <unistd.h>
 
+#include <cerrno>
 #include <cstdio>
+#include <cstring>
 
 namespace qel_devsim {
 
@@ -20,13 +26,24 @@ std::string ParseNeighbour(const std::string& text, Neighbour* neighbour) {
   return "";
 }
 
+std::string LoopbackUp() {
+  const int fd = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+  ifreq request{};
+  std::strcpy(request.ifr_name, "lo");
+  const bool up = fd >= 0 && ioctl(fd, SIOCGIFFLAGS, &request) == 0 &&
+                  (request.ifr_flags |= IFF_UP, ioctl(fd, SIOCSIFFLAGS, &request) == 0);
+  const std::string why = up ? "" : std::string("bringing lo up: ") + std::strerror(errno);
+  if (fd >= 0) close(fd);
+  return why;
+}
+
 std::vector<Neighbour> DefaultNeighbours() {
   return {{"192.168.10.2", 2}, {"192.168.10.3", 1}, {"192.168.10.4", 0}};
 }
 
 std::string NetworkScript(const std::vector<Neighbour>& neighbours) {
   std::string script =
-      "set -e\nip link set lo up\n"
+      "set -e\n"
       "ip link add br0 type bridge\nip link set br0 up\n"
       "for dev in ap0 client1 eth0 eth1; do\n"
       "  ip link add \"$dev\" type veth peer name \"p-$dev\"\n"

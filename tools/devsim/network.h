@@ -20,6 +20,11 @@ std::string ParseNeighbour(const std::string& text, Neighbour* neighbour);
 
 std::vector<Neighbour> DefaultNeighbours();
 
+// Brings the loopback interface of the current network namespace up; "" when
+// done, else why not. Needs no tool, so a plain private network works on a
+// machine without iproute2.
+std::string LoopbackUp();
+
 // The shell script (ip, bridge) that builds the network in the current
 // network namespace.
 std::string NetworkScript(const std::vector<Neighbour>& neighbours);

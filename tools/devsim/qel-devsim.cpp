@@ -121,9 +121,8 @@ std::string SetUpDevice(const Run& run) {
     at = comma + 1;
   }
   std::string output;
-  if (why.empty() &&
-      Shell((o.network ? NetworkScript(o.neighbours) : "ip link set lo up") +
-                " 2>&1", &output) != 0)
+  step(LoopbackUp());
+  if (why.empty() && o.network && Shell(NetworkScript(o.neighbours) + " 2>&1", &output) != 0)
     why = "setting up the network: " + output;
   if (why.empty() && o.network) {
     std::string list;
