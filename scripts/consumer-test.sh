@@ -30,12 +30,14 @@ case $mode in
     build=$(cd "${2:?build directory}" && pwd)
     root=$scratch/prefix
     cmake --install "$build" --prefix "$root" >/dev/null
-    prefix=$root ;;
+    prefix=$root
+    label="install tree" ;;
   system)
     # Nothing but the tool chain file: the packages must be found where
     # they are, without extra search paths.
     root=/
-    prefix=/usr/lib/${2:-$(dpkg-architecture -qDEB_HOST_MULTIARCH)} ;;
+    prefix=/usr/lib/${2:-$(dpkg-architecture -qDEB_HOST_MULTIARCH)}
+    label="system, $(basename "$prefix")" ;;
 
   *) fail "unknown mode $mode" ;;
 esac
@@ -79,4 +81,4 @@ read -r -a sysrootflags <<< "$(PKG_CONFIG_SYSROOT_DIR=$root pc --cflags --libs)"
   fail "pkg-config with PKG_CONFIG_SYSROOT_DIR gives other flags"
 [ -f "$(pc --variable=includedir)/qel_util/qel_util.h" ] ||
   fail "pkg-config's includedir holds no headers"
-echo "consumer-test: $mode: find_package and pkg-config builds run"
+echo "consumer-test: $label: find_package and pkg-config builds run"

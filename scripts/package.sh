@@ -44,7 +44,7 @@ if [ ${#cross[@]} -gt 0 ]; then
   # machine's at the version the build machine has.
   tools+=("crossbuild-essential-$arch")
   for runtime in libc6 libgcc-s1 libstdc++6; do
-    version=$(dpkg-query -W -f='${Version}' "$runtime")
+    version=$(dpkg-query -W -f='${Version}' "$runtime:$(dpkg --print-architecture)")
     offered_versions "$runtime" "$arch" | grep -qxF "$version" || {
       echo "package: $runtime:$arch $version is not offered (apt-get update?)" >&2
       exit 1; }
