@@ -28,6 +28,8 @@ if [ ${#cross[@]} -gt 0 ] &&
 fi
 command -v dpkg-buildpackage >/dev/null && command -v dh >/dev/null ||
   need_update=true
+[ ${#cross[@]} -eq 0 ] || [ -n "$(offered_versions libc6 "$arch")" ] ||
+  need_update=true
 if $need_update; then
   # One index that fails to download (a mirror in mid-sync) must not stop
   # the build when what it needs still installs: the install below fails
