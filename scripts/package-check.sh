@@ -32,29 +32,9 @@ for changes in build-pkg/*.changes "build-pkg-$cross"/*.changes; do
 done
 echo "package-check: lintian: no error, no warning"
 
-# A throw-away root: this machine as it is, seen through an overlay whose
-# writes go to memory and vanish with the mount namespace. Swap this
-# function for another way of making a fresh root; it sets $root.
-make_root() {
-  mount -t tmpfs tmpfs "$base"
-  mkdir "$base"/{upper,work,root}
-  mount -t overlay overlay \
-    -o "lowerdir=/,upperdir=$base/upper,workdir=$base/work" "$base/root"
-  root=$base/root
-  mount -t proc proc "$root/proc"
-  mount --rbind /dev "$root/dev"
-  mount -t tmpfs tmpfs "$root/tmp"
-  mkdir -p "$root$source_dir"
-  mount --bind "$source_dir" "$root$source_dir"
-}
-
-in_root() {
-  chroot "$root" env -i PATH=/usr/local/sbin:/usr/local/bin:/usr/sbin:/usr/bin:/sbin:/bin \
-    HOME=/root LC_ALL=C.UTF-8 DEBIAN_FRONTEND=noninteractive "$@"
-}
-
 check_in_root() {
-  make_root
+  . scripts/fresh-root.sh
+  make_root "$base" "$source_dir"
   in_root dpkg --add-architecture "$cross"
   # The tools are Multi-Arch: foreign, one architecture at a time: the
   # build machine's. Runtime and -dev packages of both go in together, with
@@ -71,8 +51,8 @@ check_in_root() {
   in_root dpkg-query -W -f='${Package}:${Architecture} ${Version}\n' \
     'libqel-util*' qel-util-tools | sed 's/^/package-check: installed /'
 
-  # The tools run from the package (their queries fail on this machine,
-  # which has no such device, and say so).
+  # The tools run from the package: qel-neighbour finds no ARP entry for
+  # the loopback address.
   in_root qel-devinfo --help >/dev/null
   in_root qel-neighbour 127.0.0.1 | grep -qx '127.0.0.1 0'
 
@@ -85,7 +65,7 @@ check_in_root() {
 # The root's mounts live in a private mount namespace and end with it.
 base=$(mktemp -d "${TMPDIR:-/tmp}/qel-root.XXXXXX")
 trap 'rmdir "$base"' EXIT
-export -f make_root in_root check_in_root same_version offered_versions
+export -f check_in_root same_version offered_versions
 export source_dir native cross base
 unshare --mount --propagation private bash -euo pipefail -c check_in_root
 echo "package-check: all passed in $((SECONDS - start)) s"

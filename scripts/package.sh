@@ -38,21 +38,9 @@ if $need_update; then
     echo "package: apt-get update reported errors; going on with the lists it has" >&2
 fi
 # dpkg-dev, debhelper and the cross tool chain, then Build-Depends for the
-# host architecture.
+# host architecture (all of them run on the build machine).
 tools=(dpkg-dev debhelper)
-if [ ${#cross[@]} -gt 0 ]; then
-  # dpkg-shlibdeps takes the dependencies of the cross-built programs from
-  # the target's C and C++ runtime packages, installed beside the build
-  # machine's at the version the build machine has.
-  tools+=("crossbuild-essential-$arch")
-  for runtime in libc6 libgcc-s1 libstdc++6; do
-    version=$(dpkg-query -W -f='${Version}' "$runtime:$(dpkg --print-architecture)")
-    offered_versions "$runtime" "$arch" | grep -qxF "$version" || {
-      echo "package: $runtime:$arch $version is not offered (apt-get update?)" >&2
-      exit 1; }
-    tools+=("$runtime:$arch=$version")
-  done
-fi
+[ ${#cross[@]} -eq 0 ] || tools+=("crossbuild-essential-$arch")
 $sudo apt-get install -y -qq --no-install-recommends "${tools[@]}" >/dev/null
 $sudo apt-get build-dep -y -qq "${cross[@]}" ./ >/dev/null
 
@@ -64,8 +52,35 @@ work=$out/src/libqel-util
 mkdir -p "$work"
 tar -C "$source_dir" --exclude=./.git --exclude='./build*' \
   --exclude='./obj-*' -cf - . | tar -C "$work" -xf -
-(cd "$work" && dpkg-buildpackage -us -uc -j2 "${cross[@]}" \
-   >"$out/build.log" 2>&1) ||
+build=(dpkg-buildpackage -us -uc -j2 "${cross[@]}")
+if [ ${#cross[@]} -eq 0 ]; then
+  (cd "$work" && "${build[@]}") >"$out/build.log" 2>&1 || status=$?
+else
+  # dpkg-shlibdeps takes the dependencies of cross-built programs from the
+  # target's C and C++ runtime packages. Installed on this machine, their
+  # loader directories would also hand that C library to programs that the
+  # emulator runs with the cross tool chain's loader (scripts/armhf.sh), and
+  # the two do not mix: they go into a throw-away root for the build.
+  base=$(mktemp -d "${TMPDIR:-/tmp}/qel-root.XXXXXX")
+  trap 'rmdir "$base"' EXIT
+  runtime=()
+  for package in libc6 libgcc-s1 gcc-12-base libstdc++6; do
+    mapfile -t -O ${#runtime[@]} runtime < \
+      <(same_version "$package" "$(dpkg --print-architecture)" "$arch")
+  done
+  # The build runs in the root, in the copy of the tree (bound from here).
+  $sudo env base="$base" source_dir="$source_dir" work="$work" \
+    runtime="${runtime[*]}" build="${build[*]}" \
+    unshare --mount --propagation private bash -euo pipefail -c '
+      . scripts/fresh-root.sh
+      make_root "$base" "$source_dir"
+      read -r -a packages <<< "$runtime"
+      in_root apt-get install -y -qq --no-install-recommends \
+        --allow-downgrades "${packages[@]}" >/dev/null
+      in_root bash -c "cd $work && $build"' >"$out/build.log" 2>&1 ||
+    status=$?
+fi
+[ "${status:-0}" -eq 0 ] ||
   { tail -n 60 "$out/build.log" >&2; echo "package: dpkg-buildpackage failed (log: $out/build.log)" >&2; exit 1; }
 find "$out/src" -maxdepth 1 -type f -exec mv -t "$out" {} +
 rm -rf "$out/src"
