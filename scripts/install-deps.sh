@@ -25,5 +25,9 @@ sudo=""
 [ "$(id -u)" -eq 0 ] || sudo="sudo"
 echo "installing: ${missing[*]}"
 export DEBIAN_FRONTEND=noninteractive
-$sudo apt-get update -qq
+# An index that fails to download (a mirror in mid-sync, say the armhf one
+# that the packaging adds) must not stop the run while the packages still
+# install: the install below fails clearly when one is really missing.
+$sudo apt-get update -qq ||
+  echo "install-deps: apt-get update reported errors; going on with the lists it has" >&2
 $sudo apt-get install -y -qq --no-install-recommends "${missing[@]}" >/dev/null

@@ -10,6 +10,7 @@
 # Needs root (mount namespace, chroot).
 set -euo pipefail
 cd "$(dirname "$0")/.."
+bash scripts/install-deps.sh
 source_dir=$PWD
 . scripts/multiarch.sh
 native=$(dpkg --print-architecture)

@@ -12,6 +12,7 @@
 #     folder and built in another folder, gives the same stripped library.
 set -euo pipefail
 cd "$(dirname "$0")/.."
+bash scripts/install-deps.sh
 source_dir=$PWD
 recipe=yocto/meta-qel-util/recipes-support/libqel-util/libqel-util_1.0.0.bb
 start=$SECONDS
