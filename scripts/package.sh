@@ -5,7 +5,8 @@
 #   scripts/package.sh armhf    cross for the device (nocheck), into
 #                               build-pkg-armhf/
 # and prints the paths of the .deb files. Installs the build dependencies
-# first (as root, or through sudo).
+# first (as root, or through sudo); the armhf build runs in a throw-away
+# root (scripts/fresh-root.sh) that also holds the target's runtime.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 source_dir=$PWD
