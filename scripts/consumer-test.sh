@@ -4,15 +4,15 @@
 # find_package(qel_util) and with pkg-config, then runs both.
 #   scripts/consumer-test.sh install  BUILD_DIR
 #       from `cmake --install` of the build into a scratch prefix
-#   scripts/consumer-test.sh packages BUILD_DIR
-#       from the runtime and -dev Debian packages of the build (cpack),
-#       unpacked with dpkg -x into a scratch root
+#   scripts/consumer-test.sh system [TRIPLET]
+#       from the library installed in the system's own places, as the
+#       Debian packages put it (TRIPLET: the multiarch directory, the
+#       build machine's by default)
 # The program is built like the library was: CXX, CXXFLAGS and LDFLAGS from
 # the environment; QEL_TOOLCHAIN_FILE for a cross build, whose programs run
 # through QEL_EMULATOR.
 set -euo pipefail
-mode=${1:?install or packages}
-build=$(cd "${2:?build directory}" && pwd)
+mode=${1:?install or system}
 source_dir=$(cd "$(dirname "$0")/.." && pwd)
 project=$source_dir/tests/consumer/project
 scratch=$(mktemp -d "${TMPDIR:-/tmp}/qel-consumer.XXXXXX")
@@ -27,38 +27,23 @@ fail() { echo "consumer-test: $*" >&2; exit 1; }
 
 case $mode in
   install)
+    build=$(cd "${2:?build directory}" && pwd)
     root=$scratch/prefix
     cmake --install "$build" --prefix "$root" >/dev/null
-    prefix=$root ;;
-  packages)
-    (cd "$build" && cpack -G DEB -B "$scratch/packages" >"$scratch/cpack.log" 2>&1) ||
-      { cat "$scratch/cpack.log" >&2; fail "cpack failed"; }
-    root=$scratch/root
-    debs=("$scratch"/packages/*.deb)
-    [ ${#debs[@]} -eq 2 ] || fail "expected two packages: ${debs[*]}"
-    for deb in "${debs[@]}"; do
-      name=$(dpkg-deb -f "$deb" Package)
-      case $name in
-        libqel-util[0-9]*)
-          # The runtime package holds the library under its SONAME, and
-          # its name carries the SONAME's version.
-          soname=$(dpkg-deb -c "$deb" |
-                   grep -o 'libqel_util\.so\.[0-9]* -> ' | cut -d' ' -f1)
-          [ "$soname" = "libqel_util.so.${name#libqel-util}" ] ||
-            fail "$name does not hold libqel_util.so.${name#libqel-util}"
-          ! dpkg-deb -c "$deb" | grep -q 'libqel_util\.so -> ' ||
-            fail "$name holds the development link" ;;
-        libqel-util-dev) ;;
-        *) fail "unexpected package $name" ;;
-      esac
-      dpkg -x "$deb" "$root"
-    done
-    prefix=$root/usr ;;
+    prefix=$root
+    label="install tree" ;;
+  system)
+    # Nothing but the tool chain file: the packages must be found where
+    # they are, without extra search paths.
+    root=/
+    prefix=/usr/lib/${2:-$(dpkg-architecture -qDEB_HOST_MULTIARCH)}
+    label="system, $(basename "$prefix")" ;;
+
   *) fail "unknown mode $mode" ;;
 esac
 
-pcfile=$(find "$prefix" -name qel_util.pc)
-library=$(find "$prefix" -name 'libqel_util.so.*.*' -type f)
+pcfile=$(find "$prefix" -maxdepth 3 -name qel_util.pc)
+library=$(find "$prefix" -maxdepth 2 -name 'libqel_util.so.*.*' -type f)
 [ -n "$pcfile" ] && [ -n "$library" ] || fail "incomplete install in $prefix"
 libdir=$(dirname "$library")
 
@@ -68,14 +53,17 @@ run() {
   [ "$out" = "cbf43926 qel" ] || fail "$1 printed '$out'"
 }
 
-# find_package, through CMAKE_PREFIX_PATH; a cross build searches below its
-# root paths only, so the scratch tree becomes one of them.
+# find_package: an install tree through CMAKE_PREFIX_PATH (a cross build
+# searches below its root paths only, so the scratch tree becomes one of
+# them); the system's packages with no help at all.
 cmake_args=(-DCMAKE_BUILD_TYPE=RelWithDebInfo)
-if [ -n "$toolchain" ]; then
-  cmake_args+=(-DCMAKE_TOOLCHAIN_FILE="$toolchain"
-               -DCMAKE_FIND_ROOT_PATH="$prefix" -DCMAKE_PREFIX_PATH=/)
-else
-  cmake_args+=(-DCMAKE_PREFIX_PATH="$prefix")
+[ -z "$toolchain" ] || cmake_args+=(-DCMAKE_TOOLCHAIN_FILE="$toolchain")
+if [ "$mode" = install ]; then
+  if [ -n "$toolchain" ]; then
+    cmake_args+=(-DCMAKE_FIND_ROOT_PATH="$prefix" -DCMAKE_PREFIX_PATH=/)
+  else
+    cmake_args+=(-DCMAKE_PREFIX_PATH="$prefix")
+  fi
 fi
 CXX=$cxx cmake -S "$project" -B "$scratch/cmake" "${cmake_args[@]}" >/dev/null
 cmake --build "$scratch/cmake" >/dev/null
@@ -93,4 +81,4 @@ read -r -a sysrootflags <<< "$(PKG_CONFIG_SYSROOT_DIR=$root pc --cflags --libs)"
   fail "pkg-config with PKG_CONFIG_SYSROOT_DIR gives other flags"
 [ -f "$(pc --variable=includedir)/qel_util/qel_util.h" ] ||
   fail "pkg-config's includedir holds no headers"
-echo "consumer-test: $mode: find_package and pkg-config builds run"
+echo "consumer-test: $label: find_package and pkg-config builds run"

@@ -7,7 +7,7 @@ cd "$(dirname "$0")/.."
 bash scripts/install-deps.sh
 
 dir=${1:-build-docs}
-cmake -S . -B "$dir" -DQEL_UTIL_BUILD_DOCS=ON -DQEL_UTIL_BUILD_TESTS=OFF \
-  -DQEL_UTIL_BUILD_EXAMPLES=OFF >/dev/null
+cmake -S . -B "$dir" -DQEL_UTIL_BUILD_DOCS=ON -DBUILD_TESTING=OFF \
+  -DQEL_UTIL_BUILD_EXAMPLES=OFF -DQEL_UTIL_BUILD_TOOLS=OFF >/dev/null
 cmake --build "$dir" --target docs
 echo "API reference: $dir/docs/html/index.html"

@@ -11,7 +11,7 @@ seconds=${1:-30}
 fuzzers=(barcode_fuzzer key_value_fuzzer)
 
 CC=clang CXX=clang++ cmake -S . -B build-fuzz -DCMAKE_BUILD_TYPE=RelWithDebInfo \
-  -DQEL_UTIL_BUILD_EXAMPLES=OFF >/dev/null
+  -DQEL_UTIL_BUILD_EXAMPLES=OFF -DQEL_UTIL_BUILD_TOOLS=OFF >/dev/null
 cmake --build build-fuzz -j 2 --target "${fuzzers[@]}"
 
 for fuzzer in "${fuzzers[@]}"; do

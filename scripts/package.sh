@@ -1,25 +1,88 @@
 #!/bin/bash
-# Builds the Debian packages libqel-util1 (runtime) and libqel-util-dev for
-#   scripts/package.sh          the build machine (build-pkg/)
-#   scripts/package.sh armhf    the device (build-pkg-armhf/)
-# and prints their paths. They install under /usr, the library in Debian's
-# multiarch directory.
+# Builds the Debian source package (debian/) and its binary packages with
+# dpkg-buildpackage:
+#   scripts/package.sh          for the build machine, into build-pkg/
+#   scripts/package.sh armhf    cross for the device (nocheck), into
+#                               build-pkg-armhf/
+# and prints the paths of the .deb files. Installs the build dependencies
+# first (as root, or through sudo); the armhf build runs in a throw-away
+# root (scripts/lib/throwaway-root.sh) that also holds the target's runtime.
 set -euo pipefail
 cd "$(dirname "$0")/.."
-bash scripts/install-deps.sh
+source_dir=$PWD
+. scripts/multiarch.sh
+arch=${1:-$(dpkg --print-architecture)}
+if [ "$arch" = "$(dpkg --print-architecture)" ]; then
+  out=$source_dir/build-pkg; cross=()
+else
+  out=$source_dir/build-pkg-$arch; cross=(-a"$arch" -Pnocheck)
+fi
 
-args=(-DCMAKE_BUILD_TYPE=RelWithDebInfo -DCMAKE_INSTALL_PREFIX=/usr
-      -DQEL_UTIL_BUILD_TESTS=OFF -DQEL_UTIL_BUILD_EXAMPLES=OFF)
-case ${1:-native} in
-  native) dir=build-pkg ;;
-  armhf)
-    dir=build-pkg-armhf
-    # CMake picks the multiarch directory for native builds only.
-    args+=(-DCMAKE_TOOLCHAIN_FILE=cmake/toolchains/arm-linux-gnueabihf.cmake
-           -DCMAKE_INSTALL_LIBDIR=lib/arm-linux-gnueabihf) ;;
-  *) echo "unknown target: $1" >&2; exit 2 ;;
-esac
-cmake -S . -B "$dir" "${args[@]}" >/dev/null
-cmake --build "$dir" -j "$(nproc)"
-(cd "$dir" && cpack -G DEB >/dev/null 2>&1)
-ls "$PWD/$dir"/*.deb
+sudo=""
+[ "$(id -u)" -eq 0 ] || sudo="sudo"
+export DEBIAN_FRONTEND=noninteractive
+need_update=false
+if [ ${#cross[@]} -gt 0 ] &&
+   ! dpkg --print-foreign-architectures | grep -qx "$arch"; then
+  $sudo dpkg --add-architecture "$arch"
+  need_update=true
+fi
+command -v dpkg-buildpackage >/dev/null && command -v dh >/dev/null ||
+  need_update=true
+[ ${#cross[@]} -eq 0 ] || [ -n "$(offered_versions libc6 "$arch")" ] ||
+  need_update=true
+if $need_update; then
+  # One index that fails to download (a mirror in mid-sync) must not stop
+  # the build when what it needs still installs: the install below fails
+  # clearly if something is really missing.
+  $sudo apt-get update -qq ||
+    echo "package: apt-get update reported errors; going on with the lists it has" >&2
+fi
+# dpkg-dev, debhelper and the cross tool chain, then Build-Depends for the
+# host architecture (all of them run on the build machine).
+tools=(dpkg-dev debhelper)
+[ ${#cross[@]} -eq 0 ] || tools+=("crossbuild-essential-$arch")
+$sudo apt-get install -y -qq --no-install-recommends "${tools[@]}" >/dev/null
+$sudo apt-get build-dep -y -qq "${cross[@]}" ./ >/dev/null
+
+# The package is built in a copy of the tree, so that dpkg-buildpackage
+# finds no earlier build output and leaves its results (written next to
+# the source directory) inside build-pkg*/.
+rm -rf "$out"
+work=$out/src/libqel-util
+mkdir -p "$work"
+tar -C "$source_dir" --exclude=./.git --exclude='./build*' \
+  --exclude='./obj-*' -cf - . | tar -C "$work" -xf -
+build=(dpkg-buildpackage -us -uc -j2 "${cross[@]}")
+if [ ${#cross[@]} -eq 0 ]; then
+  (cd "$work" && "${build[@]}") >"$out/build.log" 2>&1 || status=$?
+else
+  # dpkg-shlibdeps takes the dependencies of cross-built programs from the
+  # target's C and C++ runtime packages. Installed on this machine, their
+  # loader directories would also hand that C library to programs that the
+  # emulator runs with the cross tool chain's loader (scripts/armhf.sh), and
+  # the two do not mix: they go into a throw-away root for the build.
+  base=$(mktemp -d "${TMPDIR:-/tmp}/qel-root.XXXXXX")
+  trap 'rmdir "$base"' EXIT
+  runtime=()
+  for package in libc6 libgcc-s1 gcc-12-base libstdc++6; do
+    mapfile -t -O ${#runtime[@]} runtime < \
+      <(same_version "$package" "$(dpkg --print-architecture)" "$arch")
+  done
+  # The build runs in the root, in the copy of the tree (bound from here).
+  $sudo env base="$base" source_dir="$source_dir" work="$work" \
+    runtime="${runtime[*]}" build="${build[*]}" \
+    unshare --mount --propagation private bash -euo pipefail -c '
+      . scripts/lib/throwaway-root.sh
+      make_root "$base" "$source_dir"
+      read -r -a packages <<< "$runtime"
+      in_root apt-get install -y -qq --no-install-recommends \
+        --allow-downgrades "${packages[@]}" >/dev/null
+      in_root bash -c "cd $work && $build"' >"$out/build.log" 2>&1 ||
+    status=$?
+fi
+[ "${status:-0}" -eq 0 ] ||
+  { tail -n 60 "$out/build.log" >&2; echo "package: dpkg-buildpackage failed (log: $out/build.log)" >&2; exit 1; }
+find "$out/src" -maxdepth 1 -type f -exec mv -t "$out" {} +
+rm -rf "$out/src"
+ls "$out"/*.deb

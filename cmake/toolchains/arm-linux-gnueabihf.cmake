@@ -20,11 +20,15 @@ endif()
 set(CMAKE_C_COMPILER ${QEL_ARMHF_TRIPLET}-gcc)
 set(CMAKE_CXX_COMPILER ${QEL_ARMHF_TRIPLET}-g++)
 
-# Libraries, headers and packages come from the target's root only; programs
-# (cmake helpers, pkg-config, the emulator) from the build machine.
-# Appended, so that a build can add its own staging roots with
+# Libraries, headers and packages come from the target's roots only; programs
+# (cmake helpers, pkg-config, the emulator) from the build machine. The
+# roots are the cross C library's and the build machine's own, where
+# Debian's multiarch packages for armhf (`apt install ./...armhf.deb`) put
+# their libraries (/usr/lib/arm-linux-gnueabihf, named by
+# CMAKE_LIBRARY_ARCHITECTURE, so the build machine's own libraries are never
+# found). Appended, so that a build can add its own staging roots with
 # -DCMAKE_FIND_ROOT_PATH.
-list(APPEND CMAKE_FIND_ROOT_PATH ${QEL_ARMHF_SYSROOT})
+list(APPEND CMAKE_FIND_ROOT_PATH ${QEL_ARMHF_SYSROOT} /)
 set(CMAKE_FIND_ROOT_PATH_MODE_PROGRAM NEVER)
 set(CMAKE_FIND_ROOT_PATH_MODE_LIBRARY ONLY)
 set(CMAKE_FIND_ROOT_PATH_MODE_INCLUDE ONLY)
