@@ -4,20 +4,20 @@
 # /home or syslog is touched; then the device identity under the simulator.
 set -euo pipefail
 root=$(cd "$(dirname "$0")/.." && pwd)
+source "$root/scripts/lib/progress.sh"
 
 # The service runs under qel-devsim (tools/devsim), the simulated device:
 # private mount, IPC, network and PID namespaces, its own /var/run, /home and
 # /dev/log, and a bridged network with known neighbours.
 if [ "${1:-}" != "--inside" ]; then
   bash "$root/scripts/install-deps.sh"
-  cmake -S "$root" -B "$root/build" >/dev/null
-  cmake --build "$root/build" -j "$(nproc)" >/dev/null
+  build_tree "$root" "$root/build"
   syslog=$(mktemp)
   trap 'rm -f "$syslog"' EXIT
   "$root/build/tools/devsim/qel-devsim" --syslog "$syslog" \
     --neighbour 10.0.0.2=role --neighbour 10.0.0.3=other \
     --neighbour 10.0.1.7=none -- bash "$0" --inside "$syslog"
-  printf '\n\033[1m== Device identity: qel-devinfo under qel-devsim\033[0m\n'
+  heading "Device identity: qel-devinfo under qel-devsim"
   bash "$root/scripts/devinfo-demo.sh" "$root/build"
   exit 0
 fi
@@ -25,7 +25,6 @@ fi
 # --- inside the simulated device --------------------------------------------
 bin="$root/build/examples"
 syslog=$2
-step() { printf '\n\033[1m== %s\033[0m\n' "$*"; }
 shown=0
 show_syslog() {
   sleep 0.3
@@ -34,7 +33,7 @@ show_syslog() {
 }
 wait_for() { for _ in $(seq 100); do [ -e "$1" ] && return 0; sleep 0.05; done; return 1; }
 
-step "Start qel-exampled: it forks into a new session and the launcher exits"
+heading "Start qel-exampled: it forks into a new session and the launcher exits"
 "$bin/qel-exampled" 2>&1 | sed 's/^/  stderr| /'
 echo "  launcher exit status: ${PIPESTATUS[0]}"
 wait_for /var/run/qel-exampled.pid
@@ -43,12 +42,12 @@ echo "  /var/run/qel-exampled.pid holds: $pid"
 ps -o pid,ppid,sid,stat,cmd -p "$pid" | sed 's/^/  /'
 show_syslog
 
-step "A second process sends a request over the System V message queue"
+heading "A second process sends a request over the System V message queue"
 echo "  \$ qel-exampled-client 'hello over the queue'"
 "$bin/qel-exampled-client" 'hello over the queue' | sed 's/^/  answer| /'
 show_syslog
 
-step "A real peer (Python's socket module) sends datagrams to the abstract socket"
+heading "A real peer (Python's socket module) sends datagrams to the abstract socket"
 # qel-devsim made the network: 10.0.0.2 behind a role port, 10.0.0.3 on
 # eth0, 10.0.1.7 behind the bridge on no known port.
 sed 's/^/  arp| /' /proc/net/arp
@@ -68,19 +67,19 @@ PY
 echo "  (neighbour results: 2 role interface, 1 other interface, 0 unknown)"
 show_syslog
 
-step "A second instance is refused while the first runs"
+heading "A second instance is refused while the first runs"
 "$bin/qel-exampled" 2>&1 | sed 's/^/  stderr| /'
 sleep 0.3
 show_syslog
 
-step "SIGTERM stops the main loop; the exit handler removes the pid file"
+heading "SIGTERM stops the main loop; the exit handler removes the pid file"
 kill -TERM "$pid"
 while kill -0 "$pid" 2>/dev/null; do sleep 0.05; done
 [ -e /var/run/qel-exampled.pid ] && echo "  pid file still there!" ||
   echo "  /var/run/qel-exampled.pid is gone"
 show_syslog
 
-step "A crash (SIGSEGV) appends the call stack to /home/root/log/qel-exampled_dump.txt"
+heading "A crash (SIGSEGV) appends the call stack to /home/root/log/qel-exampled_dump.txt"
 mkdir -p /home/root/log
 "$bin/qel-exampled" >/dev/null 2>&1
 wait_for /var/run/qel-exampled.pid

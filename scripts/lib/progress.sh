@@ -70,3 +70,8 @@ build_tree() {
     step "building $dir" cmake --build "$dir" -j "$(nproc)"
   fi
 }
+
+# heading TEXT: a narrated section of a demonstration, bold on a terminal.
+heading() {
+  if [ -n "$_qel_on" ]; then printf '\n\e[1m== %s\e[0m\n' "$*"; else printf '\n== %s\n' "$*"; fi
+}
