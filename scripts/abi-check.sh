@@ -19,7 +19,8 @@ export LC_ALL=C
 
 # Weak symbols that mention the standard library and are not the library's
 # own are template instantiations; the linker's own markers and the
-# sanitizers' (one-definition indicators of exported data) are no names.
+# sanitizers' (one-definition indicators of exported data, weak descriptors of
+# function types) are no names.
 exported=$("$nm" -D --defined-only -C "$library" | cut -d' ' -f2- | awk '
   { type = $1; name = substr($0, length(type) + 2)
     own = name
@@ -27,6 +28,9 @@ exported=$("$nm" -D --defined-only -C "$library" | cut -d' ' -f2- | awk '
     if (type ~ /^[WVu]$/ && own !~ /^qel_util::/ &&
         name ~ /(std|__gnu_cxx)::/) next
     if (name ~ /^(_init|_fini|__bss_start|_edata|_end)$/) next
+    # Descriptors of function types, made for -fsanitize=function (clang).
+    if (type ~ /^[WVu]$/ && name ~ /^typeinfo (name )?for / && own ~ /\)$/ &&
+        own !~ /^qel_util::/) next
     if (name ~ /^_+(odr_asan|asan|tsan|ubsan|sancov)/) next
     print name }' | sort -u)
 
