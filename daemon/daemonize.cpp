@@ -53,7 +53,8 @@ void CloseDescriptorsBelow(int bound) {
     while (const dirent* entry = readdir(dir)) {
       char* end = nullptr;
       const long fd = std::strtol(entry->d_name, &end, 10);
-      if (end != entry->d_name && *end == '\0' && fd > 2 && fd < bound && fd != own)
+      if (end != entry->d_name && *end == '\0' && fd > 2 && fd < bound &&
+          fd != own)
         CloseDescriptor(static_cast<int>(fd));
     }
     closedir(dir);

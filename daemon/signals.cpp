@@ -115,7 +115,7 @@ void DaemonImpl::CatchExitApp(int sig) {
   // with the pid file left, and the watchdog must reach this thread.
   sigset_t needed;
   sigemptyset(&needed);
-  for (int signal : {SIGSEGV, SIGBUS, SIGALRM}) sigaddset(&needed, signal);
+  for (int number : {SIGSEGV, SIGBUS, SIGALRM}) sigaddset(&needed, number);
   struct sigaction watchdog;
   SetAction(watchdog, EndCrashedProcess, 0);
   sigaction(SIGALRM, &watchdog, nullptr);
