@@ -74,8 +74,9 @@ void BM_Daemonize(benchmark::State& state) {
 double MedianSeconds(int64_t limit) {
   std::vector<double>& times = g_seconds[limit];
   if (times.empty()) return 0;
-  std::nth_element(times.begin(), times.begin() + times.size() / 2, times.end());
-  return times[times.size() / 2];
+  auto middle = times.begin() + times.size() / 2;
+  std::nth_element(times.begin(), middle, times.end());
+  return *middle;
 }
 
 }  // namespace
