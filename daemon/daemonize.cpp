@@ -48,18 +48,23 @@ void CloseDescriptorsBelow(int bound) {
   if (bound <= 3) return;
   if (syscall(__NR_close_range, 3u, static_cast<unsigned>(bound - 1), 0u) == 0)
     return;
+  // A listing that lacks the directory's own descriptor is not this
+  // process's (no procfs there); it cannot be trusted to be complete.
+  bool listed = false;
   if (DIR* dir = opendir("/proc/self/fd")) {
     const int own = dirfd(dir);
     while (const dirent* entry = readdir(dir)) {
       char* end = nullptr;
       const long fd = std::strtol(entry->d_name, &end, 10);
-      if (end != entry->d_name && *end == '\0' && fd > 2 && fd < bound &&
-          fd != own)
+      if (end == entry->d_name || *end != '\0') continue;
+      if (fd == own)
+        listed = true;
+      else if (fd > 2 && fd < bound)
         CloseDescriptor(static_cast<int>(fd));
     }
     closedir(dir);
-    return;
   }
+  if (listed) return;
   for (int fd = 3; fd < bound; ++fd) CloseDescriptor(fd);
 }
 
