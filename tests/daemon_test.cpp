@@ -157,10 +157,13 @@ TEST(Daemon, RunsDetachedUntilAStopSignalOrAFault) {
         continue;
       }
       ASSERT_EQ(text.compare(0, before.size(), before), 0) << "not appended";
+      // On armhf the unwinder stops at the C library's assembly, where the
+      // fault inside syslog strikes.
+      const std::string ownFrame =
+          c.fault == "syslog" ? "" : "/usr/sbin/netd\\(.*\\[0x[0-9a-f]+\\]\n(.*\n)*";
       EXPECT_THAT(text.substr(before.size()),
                   MatchesRegex(c.name + " \\([A-Z][a-z]{2} [0-9]{2} [0-9]{2}:[0-9]{2}:"
-                               "[0-9]{2}, pid " + id +
-                               "\\)\n(.*\n)*/usr/sbin/netd\\(.*\\[0x[0-9a-f]+\\]\n(.*\n)*------\n"));
+                               "[0-9]{2}, pid " + id + "\\)\n(.*\n)+" + ownFrame + "------\n"));
       struct stat st = {};
       EXPECT_EQ(stat(dump.c_str(), &st) == 0 ? st.st_mode & 0777 : 0, 0660u);
       before = text;
