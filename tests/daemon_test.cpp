@@ -116,18 +116,21 @@ TEST(Daemon, RunsDetachedUntilAStopSignalOrAFault) {
   SubreaperSandbox([] {
     const std::string dump = "/home/root/log/netd_dump.txt";
     std::string before;
-    // `stuck`: the fault strikes while the allocator's lock is held for ever
-    // by another thread, or inside syslog; syslog may then get nothing.
-    const struct { int sig; std::string fault; std::string name; bool stuck; } cases[] = {
-        {SIGTERM, "", "", false}, {SIGINT, "", "", false}, {SIGQUIT, "", "", false},
-        {SIGABRT, "", "", false}, {0, "segv", "", false},  // no dump directory yet
-        {0, "segv", "SIGSEGV", false}, {0, "bus", "SIGBUS", false},
-        {0, "segv", "SIGSEGV", true}, {0, "syslog", "SIGSEGV", true}};
+    // `also` before the fault: "lockheap", another thread holds the
+    // allocator's lock for ever; "exitfault", an exit handler faults again.
+    const struct { int sig; std::string fault, name, also; } cases[] = {
+        {SIGTERM, "", "", ""}, {SIGINT, "", "", ""}, {SIGQUIT, "", "", ""},
+        {SIGABRT, "", "", ""}, {0, "segv", "", ""},  // no dump directory yet
+        {0, "segv", "SIGSEGV", ""}, {0, "bus", "SIGBUS", ""},
+        {0, "segv", "SIGSEGV", "lockheap"}, {0, "syslog", "SIGSEGV", ""},  // inside syslog
+        {0, "segv", "SIGSEGV", "exitfault"}};
     for (const auto& c : cases) {
-      SCOPED_TRACE(c.sig != 0 ? strsignal(c.sig) : c.fault + c.name + (c.stuck ? " stuck" : ""));
+      SCOPED_TRACE(c.sig != 0 ? strsignal(c.sig) : c.fault + c.name + " " + c.also);
+      // Syslog may then get nothing.
+      const bool stuck = c.also == "lockheap" || c.fault == "syslog";
       std::vector<std::string> args{"holdfd", "holdfd", "daemonize", "report", "run"};
-      if (c.stuck && c.fault == "segv") args.insert(args.end() - 1, "lockheap");
-      if (!c.fault.empty()) args.insert(args.end() - 1, c.fault);
+      for (const auto& arg : {c.also, c.fault})
+        if (!arg.empty()) args.insert(args.end() - 1, arg);
       if (!c.name.empty()) MakeDirs("/home/root/log");
       SyslogCapture syslog;
       EXPECT_EQ(Reap(Launch(args)), 0);
@@ -143,7 +146,7 @@ TEST(Daemon, RunsDetachedUntilAStopSignalOrAFault) {
       EXPECT_NE(access(kPidFile, F_OK), 0) << "pid file left behind";
       unlink("/mnt/report");
       unlink("/mnt/crash");
-      auto lines = syslog.Take(c.sig != 0 ? 1 : c.name.empty() || c.stuck ? 0 : 3);
+      auto lines = syslog.Take(c.sig != 0 ? 1 : c.name.empty() || stuck ? 0 : 3);
       if (c.sig != 0) {
         ASSERT_EQ(lines.size(), 1u);
         EXPECT_EQ(lines[0].priority, LOG_USER | LOG_INFO);
@@ -167,7 +170,7 @@ TEST(Daemon, RunsDetachedUntilAStopSignalOrAFault) {
       struct stat st = {};
       EXPECT_EQ(stat(dump.c_str(), &st) == 0 ? st.st_mode & 0777 : 0, 0660u);
       before = text;
-      if (c.stuck) continue;
+      if (stuck) continue;
       ASSERT_GE(lines.size(), 3u);
       for (const auto& line : lines) EXPECT_EQ(line.priority, LOG_USER | LOG_CRIT);
       EXPECT_THAT(lines[0].message, MatchesRegex(c.name + " \\(.*, pid " + id + "\\)\n"));

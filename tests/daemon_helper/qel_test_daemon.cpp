@@ -1,5 +1,5 @@
 // Arguments, in order: pidfile=P|holdfd|openlog|foreground|daemonize|report|
-// udp|lockheap|segv|bus|syslog (the fault, on /mnt/crash)|run
+// udp|lockheap|exitfault|segv|bus|syslog (the fault, on /mnt/crash)|run
 
 #include <fcntl.h>
 #include <malloc.h>
@@ -10,6 +10,7 @@
 #include <unistd.h>
 
 #include <cstdio>
+#include <cstdlib>
 #include <string>
 
 #include "qel_util/daemon.h"
@@ -59,16 +60,19 @@ static void* StopInsideTheAllocator(void*) {
   return nullptr;
 }
 
+// Reads the empty file /mnt/crash mapped, without the heap: with no access
+// at all that is SIGSEGV, with PROT_READ (past its end) SIGBUS.
+static void Fault(int protection) {
+  void* page = mmap(nullptr, 4096, protection, MAP_SHARED, open("/mnt/crash", O_RDONLY), 0);
+  (void)*static_cast<volatile char*>(page);
+}
+
 class TestDaemon : public qel_util::Daemon {
  public:
   void Process() override {
     if (g_fault.empty() || access("/mnt/crash", F_OK) != 0) return (void)usleep(10000);
     if (g_fault == "syslog") syslog(LOG_INFO, "%s", reinterpret_cast<const char*>(16));
-    // The empty file mapped, without the heap: no access at all is SIGSEGV,
-    // reading past its end is SIGBUS.
-    void* page = mmap(nullptr, 4096, g_fault == "bus" ? PROT_READ : PROT_NONE, MAP_SHARED,
-                      open("/mnt/crash", O_RDONLY), 0);
-    (void)*static_cast<volatile char*>(page);
+    Fault(g_fault == "bus" ? PROT_READ : PROT_NONE);
   }
 };
 
@@ -86,6 +90,7 @@ int main(int argc, char** argv) {
     else if (arg == "report") WriteReport();
     else if (arg == "udp") ExchangeDatagram(daemon);
     else if (arg == "lockheap") pthread_create(&thread, nullptr, StopInsideTheAllocator, nullptr);
+    else if (arg == "exitfault") std::atexit([] { Fault(PROT_NONE); });
     else if (arg == "segv" || arg == "bus" || arg == "syslog") g_fault = arg;
     else if (arg == "run") daemon.Run();
     else return 64;
