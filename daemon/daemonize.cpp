@@ -46,7 +46,8 @@ void CloseDescriptor(int fd) {
 // of /proc/self/fd, else every number.
 void CloseDescriptorsBelow(int bound) {
   if (bound <= 3) return;
-  if (syscall(__NR_close_range, 3u, static_cast<unsigned>(bound - 1), 0u) == 0)
+  // syscall reads each argument as a long.
+  if (syscall(__NR_close_range, 3L, static_cast<long>(bound - 1), 0L) == 0)
     return;
   // A listing that lacks the directory's own descriptor is not this
   // process's (no procfs there); it cannot be trusted to be complete.
