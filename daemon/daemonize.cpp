@@ -1,8 +1,11 @@
 // Detaching from the terminal and redirecting the standard streams.
 
+#include <dirent.h>
 #include <fcntl.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
+#include <syslog.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -12,12 +15,58 @@
 
 #include "daemon/instance.h"
 
+// close_range by number: the device's C library may predate its wrapper and
+// even its number. Every architecture numbers the calls added since Linux 5.1
+// alike, apart from the offsets of alpha and MIPS.
+#ifndef __NR_close_range
+#if defined(__alpha__)
+#define __NR_close_range 546
+#elif defined(__mips__)
+#define __NR_close_range (__NR_Linux + 436)
+#else
+#define __NR_close_range 436
+#endif
+#endif
+
 namespace qel_util {
 namespace {
 
 [[noreturn]] void FailWithErrno() {
   Daemon::debug(QEL_HERE, "%s", std::strerror(errno));
   std::exit(1);
+}
+
+void CloseDescriptor(int fd) {
+  while (close(fd) == -1 && errno == EINTR) {
+  }
+}
+
+// Closes every descriptor from 3 up to `bound` - 1 in a time that grows with
+// what is open, not with `bound`: close_range (Linux 5.9), else the entries
+// of /proc/self/fd, else every number.
+void CloseDescriptorsBelow(int bound) {
+  if (bound <= 3) return;
+  // syscall reads each argument as a long.
+  if (syscall(__NR_close_range, 3L, static_cast<long>(bound - 1), 0L) == 0)
+    return;
+  // A listing that lacks the directory's own descriptor is not this
+  // process's (no procfs there); it cannot be trusted to be complete.
+  bool listed = false;
+  if (DIR* dir = opendir("/proc/self/fd")) {
+    const int own = dirfd(dir);
+    while (const dirent* entry = readdir(dir)) {
+      char* end = nullptr;
+      const long fd = std::strtol(entry->d_name, &end, 10);
+      if (end == entry->d_name || *end != '\0') continue;
+      if (fd == own)
+        listed = true;
+      else if (fd > 2 && fd < bound)
+        CloseDescriptor(static_cast<int>(fd));
+    }
+    closedir(dir);
+  }
+  if (listed) return;
+  for (int fd = 3; fd < bound; ++fd) CloseDescriptor(fd);
 }
 
 }  // namespace
@@ -45,12 +94,11 @@ void DaemonImpl::daemonize() {
   // to; such a process keeps what it inherited.
   const int bound = static_cast<int>(limit.rlim_max);
   if (bound <= 0) return;
-  for (int fd = 0; fd < bound; ++fd) {
-    if (fd == fileno(stdin) || fd == fileno(stdout) || fd == fileno(stderr))
-      continue;
-    while (close(fd) == -1 && errno == EINTR) {
-    }
-  }
+  // Syslog's socket goes with the rest; told so, glibc cannot later take
+  // over a descriptor of the service that got that number.
+  closelog();
+  CloseDescriptorsBelow(bound);
+  ReopenLog();
 }
 
 void DaemonImpl::fork() {

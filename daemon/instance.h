@@ -8,6 +8,10 @@ namespace qel_util {
 // The one framework object, constructed at library load.
 extern DaemonImpl s_daemonImpl;
 
+// Opens syslog again as the last OpenLog did, LOG_NDELAY left out, after
+// daemonize closed it; nothing when OpenLog was not called.
+void ReopenLog();
+
 // The base name of the source file, for the framework's own tagged lines.
 constexpr const char* BaseName(const char* path) {
   const char* name = path;

@@ -17,6 +17,10 @@ namespace {
 
 constexpr size_t kLineSize = 512;
 
+// What OpenLog opened syslog with, for ReopenLog.
+int s_logOption = 0;
+int s_logFacility = LOG_DAEMON;
+
 // One writev, so that a line and its newline are not split by another
 // thread's output.
 void WriteStderr(const char* text, bool newline) {
@@ -79,7 +83,16 @@ void DaemonImpl::OpenLog(const char* ident, int option, int facility) {
   } else {
     std::strcpy(m_logIdent, "?");
   }
-  openlog(m_logIdent, option, facility == 0 ? LOG_DAEMON : facility);
+  s_logOption = option;
+  s_logFacility = facility == 0 ? LOG_DAEMON : facility;
+  openlog(m_logIdent, s_logOption, s_logFacility);
+}
+
+void ReopenLog() {
+  // Without LOG_NDELAY: the socket comes with the next line, after the
+  // service has made its own descriptors.
+  if (s_daemonImpl.m_logOpen)
+    openlog(s_daemonImpl.m_logIdent, s_logOption & ~LOG_NDELAY, s_logFacility);
 }
 
 }  // namespace qel_util

@@ -5,6 +5,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <climits>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -12,6 +13,22 @@
 #include "daemon/instance.h"
 
 namespace qel_util {
+namespace {
+
+// The leading unsigned number of `text` as a pid; 0 for none. A number that
+// does not fit in 32 bits reads as the largest one, and any number above
+// INT_MAX comes out negative: on every platform as a 32-bit "%u" reads it,
+// so it can never name a live process.
+int ParsePid(const char* text) {
+  char* end = nullptr;
+  errno = 0;
+  unsigned long long number = std::strtoull(text, &end, 10);
+  if (end == text) return 0;
+  if (errno == ERANGE || number > UINT_MAX) number = UINT_MAX;
+  return static_cast<int>(static_cast<unsigned int>(number));
+}
+
+}  // namespace
 
 int Daemon::CheckPidFile(const char* path, int& pid) {
   pid = 0;
@@ -27,8 +44,8 @@ int Daemon::CheckPidFile(const char* path, int& pid) {
     return -1;
   }
   if (FILE* file = std::fopen(path, "r")) {
-    unsigned int number = 0;
-    if (std::fscanf(file, "%u", &number) == 1) pid = static_cast<int>(number);
+    char text[32];
+    if (std::fscanf(file, "%31s", text) == 1) pid = ParsePid(text);
     std::fclose(file);
   } else {
     debug(QEL_HERE, "Failed to open pidfile '%s': %s.", path,

@@ -3,6 +3,8 @@
 #   scripts/test.sh              plain build (build/)
 #   scripts/test.sh asan         AddressSanitizer + UndefinedBehaviorSanitizer
 #   scripts/test.sh tsan         ThreadSanitizer, the thread and IPC tests
+#   scripts/test.sh clang-ubsan  clang's UndefinedBehaviorSanitizer, whose
+#                                checks (enum, function, ...) GCC lacks
 set -euo pipefail
 cd "$(dirname "$0")/.."
 source scripts/lib/progress.sh
@@ -21,6 +23,11 @@ case "$kind" in
   tsan)
     dir=build-tsan; flags="-fsanitize=thread"
     filter=(-R '^(PosixThread|PosixSemaphore|MsgQHandler|SysVSemaphoreMutex)') ;;
+  clang-ubsan)
+    dir=build-clang-ubsan; export CC=clang CXX=clang++
+    # As in asan, the vptr check is left out.
+    flags="-fsanitize=undefined -fno-sanitize=vptr -fno-sanitize-recover=all -fno-omit-frame-pointer"
+    filter=() ;;
   *) echo "unknown build kind: $kind" >&2; exit 2 ;;
 esac
 

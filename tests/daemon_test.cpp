@@ -1,18 +1,24 @@
 // The test service (tests/daemon_helper) as a real daemon, reaped by a subreaper.
 
 #include <fcntl.h>
+#include <linux/filter.h>
+#include <linux/seccomp.h>
 #include <signal.h>
+#include <sys/mount.h>
 #include <sys/prctl.h>
+#include <sys/syscall.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <syslog.h>
 #include <unistd.h>
 
+#include <cstddef>
 #include <thread>
 
 #include <gmock/gmock.h>
 
 #include "qel_util/daemon.h"
+#include "support/host_tool.h"
 #include "support/sandbox.h"
 #include "support/syslog_capture.h"
 #include "support/target.h"
@@ -25,8 +31,10 @@ using namespace ::testing;
 const char kPidFile[] = "/var/run/netd.pid";
 const char kOutput[] = "/mnt/daemon.out";
 
-// Starts the service as "/usr/sbin/netd", stdout and stderr appended to kOutput.
-pid_t Launch(const std::vector<std::string>& args) {
+// Starts the service as "/usr/sbin/netd", stdout and stderr appended to
+// kOutput, after `prepare` ran in the new process.
+pid_t Launch(const std::vector<std::string>& args,
+             const std::function<void()>& prepare = [] {}) {
   pid_t pid = fork();
   if (pid != 0) return pid;
   std::freopen(kOutput, "a", stdout);
@@ -36,15 +44,23 @@ pid_t Launch(const std::vector<std::string>& args) {
   argv.push_back(nullptr);
   // In sanitizer builds the service's own handler must see SIGSEGV and SIGBUS.
   setenv("ASAN_OPTIONS", "handle_segv=0:handle_sigbus=0", 1);
+  prepare();
   ExecTargetProgram(QEL_TEST_DAEMON, argv.data());
   _exit(127);
 }
 
-// Exit status of `pid` (of any child for -1); 128 + signal when killed.
+// Exit status of `pid` (of any child for -1); 128 + signal when killed. A
+// process still there after ten seconds is hung: it is killed (137).
 int Reap(pid_t pid = -1) {
   int status = 0;
-  return waitpid(pid, &status, 0) < 0 ? -1
-         : WIFEXITED(status)          ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+  pid_t done = 0;
+  for (int i = 0; pid > 0 && i < 1000 && (done = waitpid(pid, &status, WNOHANG)) == 0; ++i)
+    std::this_thread::sleep_for(std::chrono::milliseconds(10));
+  if (done == 0) {
+    if (pid > 0 && kill(pid, SIGKILL) == 0) ADD_FAILURE() << "process " << pid << " hung";
+    done = waitpid(pid, &status, 0);
+  }
+  return done < 0 ? -1 : WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
 }
 
 // The file's contents once it has any, "" after five seconds.
@@ -76,6 +92,7 @@ TEST(Daemon, PidFileContentsDecideWhetherTheDaemonStarts) {
         {self + "\n", 1, ": Quitting because process " + self +
              " defined in pidfile '/var/run/netd.pid' is already running.\n"},
         {std::to_string(gone) + "\n", 0, ""}, {"4294967295\n", 0, ""},
+        {"4294967297\n", 0, ""}, {"123456789012345678901234567890\n", 0, ""},  // no pid_t
         {"netd\n", 1, unreadable}, {"0\n", 1, unreadable},
         {"", 1, "Pidfile '/var/run/netd.pid' is not a regular file.\n"},  // a directory
     };
@@ -100,14 +117,21 @@ TEST(Daemon, RunsDetachedUntilAStopSignalOrAFault) {
   SubreaperSandbox([] {
     const std::string dump = "/home/root/log/netd_dump.txt";
     std::string before;
-    const struct { int sig; const char* fault; std::string name; } cases[] = {
-        {SIGTERM, nullptr, ""}, {SIGINT, nullptr, ""}, {SIGQUIT, nullptr, ""},
-        {SIGABRT, nullptr, ""}, {0, "segv", ""},  // no dump directory yet
-        {0, "segv", "SIGSEGV"}, {0, "bus", "SIGBUS"}};
+    // `also` before the fault: "lockheap", another thread holds the
+    // allocator's lock for ever; "exitfault", an exit handler faults again.
+    const struct { int sig; std::string fault, name, also; } cases[] = {
+        {SIGTERM, "", "", ""}, {SIGINT, "", "", ""}, {SIGQUIT, "", "", ""},
+        {SIGABRT, "", "", ""}, {0, "segv", "", ""},  // no dump directory yet
+        {0, "segv", "SIGSEGV", ""}, {0, "bus", "SIGBUS", ""},
+        {0, "segv", "SIGSEGV", "lockheap"}, {0, "syslog", "SIGSEGV", ""},  // inside syslog
+        {0, "segv", "SIGSEGV", "exitfault"}};
     for (const auto& c : cases) {
-      SCOPED_TRACE(c.sig != 0 ? strsignal(c.sig) : c.fault + c.name);
+      SCOPED_TRACE(c.sig != 0 ? strsignal(c.sig) : c.fault + c.name + " " + c.also);
+      // Syslog may then get nothing.
+      const bool stuck = c.also == "lockheap" || c.fault == "syslog";
       std::vector<std::string> args{"holdfd", "holdfd", "daemonize", "report", "run"};
-      if (c.fault != nullptr) args.insert(args.end() - 1, c.fault);
+      for (const auto& arg : {c.also, c.fault})
+        if (!arg.empty()) args.insert(args.end() - 1, arg);
       if (!c.name.empty()) MakeDirs("/home/root/log");
       SyslogCapture syslog;
       EXPECT_EQ(Reap(Launch(args)), 0);
@@ -123,7 +147,7 @@ TEST(Daemon, RunsDetachedUntilAStopSignalOrAFault) {
       EXPECT_NE(access(kPidFile, F_OK), 0) << "pid file left behind";
       unlink("/mnt/report");
       unlink("/mnt/crash");
-      auto lines = syslog.Take(c.sig != 0 ? 1 : c.name.empty() ? 0 : 3);
+      auto lines = syslog.Take(c.sig != 0 ? 1 : c.name.empty() || stuck ? 0 : 3);
       if (c.sig != 0) {
         ASSERT_EQ(lines.size(), 1u);
         EXPECT_EQ(lines[0].priority, LOG_USER | LOG_INFO);
@@ -137,16 +161,63 @@ TEST(Daemon, RunsDetachedUntilAStopSignalOrAFault) {
         continue;
       }
       ASSERT_EQ(text.compare(0, before.size(), before), 0) << "not appended";
+      // On armhf the unwinder stops at the C library's assembly, where the
+      // fault inside syslog strikes.
+      const std::string ownFrame =
+          c.fault == "syslog" ? "" : "/usr/sbin/netd\\(.*\\[0x[0-9a-f]+\\]\n(.*\n)*";
       EXPECT_THAT(text.substr(before.size()),
                   MatchesRegex(c.name + " \\([A-Z][a-z]{2} [0-9]{2} [0-9]{2}:[0-9]{2}:"
-                               "[0-9]{2}, pid " + id +
-                               "\\)\n(.*\n)*/usr/sbin/netd\\(.*\\[0x[0-9a-f]+\\]\n(.*\n)*------\n"));
+                               "[0-9]{2}, pid " + id + "\\)\n(.*\n)+" + ownFrame + "------\n"));
       struct stat st = {};
       EXPECT_EQ(stat(dump.c_str(), &st) == 0 ? st.st_mode & 0777 : 0, 0660u);
+      before = text;
+      if (stuck) continue;
       ASSERT_GE(lines.size(), 3u);
       for (const auto& line : lines) EXPECT_EQ(line.priority, LOG_USER | LOG_CRIT);
       EXPECT_THAT(lines[0].message, MatchesRegex(c.name + " \\(.*, pid " + id + "\\)\n"));
-      before = text;
+    }
+  });
+}
+
+// In a launched process: close_range fails with ENOSYS, as on kernels before
+// 5.9, and when `hideProc` an empty file system hides its /proc/self/fd (not
+// all of /proc: the sanitizers read their options there).
+void DenyCloseRange(bool hideProc) {
+  sock_filter filter[] = {
+      BPF_STMT(BPF_LD | BPF_W | BPF_ABS, offsetof(seccomp_data, nr)),
+      BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, SYS_close_range, 0, 1),
+      BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ERRNO | ENOSYS),
+      BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ALLOW)};
+  sock_fprog program{sizeof filter / sizeof filter[0], filter};
+  bool ok = prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0) == 0 &&
+            prctl(PR_SET_SECCOMP, SECCOMP_MODE_FILTER, &program) == 0;
+  const std::string fds = "/proc/" + std::to_string(getpid()) + "/fd";  // kept by exec
+  if (hideProc)
+    ok = ok && unshare(CLONE_NEWNS) == 0 && mount("tmpfs", fds.c_str(), "tmpfs", 0, nullptr) == 0;
+  if (!ok) _exit(126);
+}
+
+TEST(Daemon, DaemonizeLeavesTheStandardStreamsOnlyAndSyslogItsOwnSocket) {
+  QEL_REQUIRE_SANDBOX();
+  SubreaperSandbox([] {
+    // The ways to find what is open: close_range, /proc/self/fd, every number.
+    for (int way = 0; way < 3; ++way) {
+      SCOPED_TRACE(way);
+      if (way > 0 && !TargetEmulator().empty())
+        GTEST_SKIP() << "the fallbacks need seccomp on the emulator's own calls";
+      SyslogCapture syslog;
+      unlink(kOutput);
+      // Syslog's socket is the first descriptor daemonize closes; the server
+      // made after it gets that number.
+      EXPECT_EQ(Reap(Launch({"openlog", "holdfd", "foreground", "daemonize", "report", "udp"},
+                            [way] { if (way > 0) DenyCloseRange(way == 2); })), 0);
+      EXPECT_THAT(ReadFile("/mnt/report"), HasSubstr(" fds=0,1,2, "));
+      EXPECT_THAT(ReadFile(kOutput), HasSubstr("udp 4\n"));
+      auto lines = syslog.Take(1);
+      ASSERT_EQ(lines.size(), 1u);
+      EXPECT_EQ(lines[0].priority, LOG_LOCAL0 | LOG_NOTICE);
+      EXPECT_EQ(lines[0].ident + ": " + lines[0].message, "netd: serving");
+      unlink("/mnt/report");
     }
   });
 }
@@ -173,6 +244,7 @@ TEST(Daemon, CatchChldCalledDirectlyReapsEveryExitedChild) {
 TEST(Daemon, StartStopDaemonManagesItThroughThePidFile) {
   QEL_REQUIRE_SANDBOX();
   QEL_REQUIRE_NO_EMULATOR("start-stop-daemon knows the program by /proc/<pid>/exe");
+  QEL_REQUIRE_HOST_PROGRAM("start-stop-daemon", "dpkg");
   SubreaperSandbox([] {
     const std::string ssd = std::string("start-stop-daemon --pidfile ") + kPidFile;
     const std::string start =

@@ -46,7 +46,8 @@ class QEL_UTIL_EXPORT Daemon {
   /// the default pid file "/var/run/<name>.pid" and installs the nine-signal
   /// table: SIGHUP and SIGPIPE ignored; SIGINT, SIGQUIT, SIGABRT and SIGTERM
   /// lower the running flag; SIGCHLD reaps exited children; SIGSEGV and
-  /// SIGBUS write the crash dump and end the process with status 1.
+  /// SIGBUS write the crash dump and end the process with status 1 (see
+  /// DaemonImpl::CatchExitApp).
   /// \return Always 0.
   int Init(int& argc, char**& argv);
   /// Calls Process while the running flag is up, then logs "exit <pid>" and
@@ -69,10 +70,14 @@ class QEL_UTIL_EXPORT Daemon {
   /// pid file, forks (the parent exits 0) and starts a new session, refuses
   /// to go on while the pid file names a live process, writes the pid file,
   /// raises the running flag, sets umask 0 and the directory "/", and closes
-  /// every inherited descriptor above 2 (none when the descriptor limit is
-  /// unlimited), in a time that does not grow with that limit. A syslog
-  /// connection opened before is reopened with the same settings, so logging
-  /// goes on and the socket never takes over a descriptor of the service.
+  /// every inherited descriptor above 2 and below the hard descriptor limit
+  /// (none when that limit is unlimited): with close_range, else the entries
+  /// of /proc/self/fd, else number by number, so that with either of the
+  /// first two the time does not grow with the limit. Syslog is closed first
+  /// and, when OpenLog opened it, opened again with the same ident, facility
+  /// and options less LOG_NDELAY: logging goes on and its socket never takes
+  /// over a descriptor of the service. A connection opened with openlog
+  /// directly keeps its options and facility but loses its ident.
   ///
   /// Ends the process with status 1 (after a tagged line) when the exit
   /// handler cannot be registered, fork, setsid, chdir or getrlimit fail,
@@ -87,8 +92,8 @@ class QEL_UTIL_EXPORT Daemon {
   /// While it is non-zero, debug(format) and SysLog also write to stderr.
   void setDebugFlag(int& flag);
   /// openlog with the ident (cut to 64 characters and copied, "?" for null),
-  /// the option bits and the facility (LOG_DAEMON for 0). Closed again at
-  /// shutdown.
+  /// the option bits and the facility (LOG_DAEMON for 0). daemonize reopens
+  /// it with the same settings; closed again at shutdown.
   void OpenLog(const char* ident, int option, int facility);
 
   /// Writes the tagged line "<file> <line>: <message>" to syslog (LOG_INFO)
@@ -110,8 +115,9 @@ class QEL_UTIL_EXPORT Daemon {
   /// Looks at the pid file `path`; `pid` receives the number it holds (0 when
   /// none was read).
   /// \return 1 when no live process is named (no file, a stale pid, or a
-  /// number too large to be a process id); 0 when the process in `pid`
-  /// exists; -1 on any other error (not a regular file, unreadable, no
+  /// number above 2147483647, which `pid` receives as a negative number; one
+  /// beyond 32 bits is read as 4294967295, i.e. -1); 0 when the process in
+  /// `pid` exists; -1 on any other error (not a regular file, unreadable, no
   /// number, a process that cannot be probed), already reported with a
   /// tagged line.
   static int CheckPidFile(const char* path, int& pid);
@@ -135,7 +141,10 @@ class QEL_UTIL_EXPORT DaemonImpl {
   DaemonImpl(const DaemonImpl&) = delete;             ///< Not copyable.
   DaemonImpl& operator=(const DaemonImpl&) = delete;  ///< Not copyable.
 
-  /// Builds the signal table once and installs it on every call. Returns 0.
+  /// Builds the signal table once and installs it on every call. Also makes
+  /// the first calls of backtrace (which loads the unwinder) and localtime_r
+  /// (which reads the time zone), both of which allocate, so that the crash
+  /// dump's file record needs no heap. Returns 0.
   int Init();
   /// Does nothing; kept for hosts that call it.
   void initialize(int& argc, char**& argv);
@@ -158,13 +167,21 @@ class QEL_UTIL_EXPORT DaemonImpl {
   /// it directly.
   static void CatchChld(int sig);
   /// Handler of SIGSEGV and SIGBUS: writes the crash dump, then ends the
-  /// process with status 1 and the pid file removed, also when the fault
-  /// struck inside the allocator or syslog.
+  /// process with exit(1), whose exit handlers remove the pid file. Holds
+  /// also when the fault struck inside the allocator or syslog, or left
+  /// their locks held: the dump's file record is complete before anything
+  /// needs the heap or syslog, and the syslog part and exit(1) run under a
+  /// two-second alarm (SIGALRM is taken over and unblocked in the crashing
+  /// thread). When it fires, or another fault strikes inside the dump, the
+  /// pid file is removed and the process ends with _exit(1): no exit
+  /// handlers, no flush of the standard streams. A second thread that
+  /// crashes meanwhile waits for the first to end the process.
   static void CatchExitApp(int sig);
   /// Appends a record (signal name, time and pid, the call stack, "------")
-  /// to "/home/root/log/<name>_dump.txt" (mode 0660) and sends it to syslog
-  /// at LOG_CRIT when that can be done safely. Nothing is written when the
-  /// file cannot be opened.
+  /// to "/home/root/log/<name>_dump.txt" (mode 0660), using no heap once Init
+  /// ran, then sends the same lines to syslog at LOG_CRIT, which takes the
+  /// heap and syslog's lock. Nothing is written when the file cannot be
+  /// opened.
   void DumpCallStack(int sig);
 
   /// Ends the process with status 1 when the pid file names a live process

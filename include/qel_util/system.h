@@ -34,7 +34,7 @@ class QEL_UTIL_EXPORT MmcPrivate {
   };
 
   /// The device's result codes (the low seven bits of a frame's result).
-  enum ResultType {
+  enum ResultType : int {
     Ok = 0,                     ///< Operation OK.
     GeneralFailure = 1,         ///< General failure.
     AuthenticationFailure = 2,  ///< Authentication failure (MAC mismatch).

@@ -1,16 +1,22 @@
-// Arguments, in order: pidfile=P|holdfd|daemonize|report|segv|bus (on /mnt/crash)|run
+// Arguments, in order: pidfile=P|holdfd|openlog|foreground|daemonize|report|
+// udp|lockheap|exitfault|segv|bus|syslog (the fault, on /mnt/crash)|run
 
 #include <fcntl.h>
+#include <malloc.h>
+#include <pthread.h>
 #include <sys/mman.h>
 #include <sys/stat.h>
+#include <syslog.h>
 #include <unistd.h>
 
 #include <cstdio>
+#include <cstdlib>
 #include <string>
 
 #include "qel_util/daemon.h"
+#include "qel_util/net.h"
 
-static int g_fault = -1;  // the protection of the page to touch
+static std::string g_fault;  // what Process does once /mnt/crash exists
 
 static void WriteReport() {  // to /mnt/report
   std::string fds;
@@ -24,13 +30,49 @@ static void WriteReport() {  // to /mnt/report
   std::fclose(out);
 }
 
+// A service's own sockets made after daemonize, and a log line between:
+// prints "udp <bytes the server received>".
+static void ExchangeDatagram(qel_util::Daemon& daemon) {
+  qel_util::UdpServer server("@netd");
+  qel_util::UdpClient client("@netc", "@netd");
+  server.Init();
+  client.Init();
+  daemon.SysLog(LOG_NOTICE, "serving");
+  unsigned char data[4] = {'p', 'i', 'n', 'g'};
+  client.Write(data, sizeof data);
+  std::printf("udp %d\n", server.Read(data, sizeof data));
+  std::fflush(stdout);
+}
+
+// Stops for ever inside the allocator with the main arena's lock held, the
+// state a fault inside malloc leaves: malloc_stats prints to stderr under
+// that lock, and this stderr is a full pipe nobody reads. (The sanitizers'
+// malloc_stats takes no such lock; there the heap stays usable.)
+static void* StopInsideTheAllocator(void*) {
+  int pipeFds[2];
+  if (pipe2(pipeFds, O_NONBLOCK) != 0) return nullptr;
+  static const char kFill[4096] = {};
+  while (write(pipeFds[1], kFill, sizeof kFill) > 0) {
+  }
+  fcntl(pipeFds[1], F_SETFL, 0);
+  stderr = fdopen(pipeFds[1], "w");
+  malloc_stats();
+  return nullptr;
+}
+
+// Reads the empty file /mnt/crash mapped, without the heap: with no access
+// at all that is SIGSEGV, with PROT_READ (past its end) SIGBUS.
+static void Fault(int protection) {
+  void* page = mmap(nullptr, 4096, protection, MAP_SHARED, open("/mnt/crash", O_RDONLY), 0);
+  (void)*static_cast<volatile char*>(page);
+}
+
 class TestDaemon : public qel_util::Daemon {
  public:
   void Process() override {
-    if (g_fault < 0 || access("/mnt/crash", F_OK) != 0) return (void)usleep(10000);
-    // An empty file mapped: no access at all is SIGSEGV, reading is SIGBUS.
-    void* page = mmap(nullptr, 4096, g_fault, MAP_SHARED, fileno(std::tmpfile()), 0);
-    std::printf("%d\n", *static_cast<volatile char*>(page));
+    if (g_fault.empty() || access("/mnt/crash", F_OK) != 0) return (void)usleep(10000);
+    if (g_fault == "syslog") syslog(LOG_INFO, "%s", reinterpret_cast<const char*>(16));
+    Fault(g_fault == "bus" ? PROT_READ : PROT_NONE);
   }
 };
 
@@ -39,12 +81,17 @@ int main(int argc, char** argv) {
   daemon.Init(argc, argv);
   for (int i = 1; i < argc; ++i) {
     std::string arg = argv[i];
+    pthread_t thread;
     if (arg.rfind("pidfile=", 0) == 0) daemon.pidfile(argv[i] + 8);
     else if (arg == "holdfd") open("/dev/null", O_RDONLY);
+    else if (arg == "openlog") daemon.OpenLog("netd", LOG_NDELAY, LOG_LOCAL0);
+    else if (arg == "foreground") daemon.foreground(true);
     else if (arg == "daemonize") daemon.daemonize();
     else if (arg == "report") WriteReport();
-    else if (arg == "segv") g_fault = PROT_NONE;
-    else if (arg == "bus") g_fault = PROT_READ;
+    else if (arg == "udp") ExchangeDatagram(daemon);
+    else if (arg == "lockheap") pthread_create(&thread, nullptr, StopInsideTheAllocator, nullptr);
+    else if (arg == "exitfault") std::atexit([] { Fault(PROT_NONE); });
+    else if (arg == "segv" || arg == "bus" || arg == "syslog") g_fault = arg;
     else if (arg == "run") daemon.Run();
     else return 64;
   }
