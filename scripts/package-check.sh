@@ -4,7 +4,9 @@
 #   - lintian --pedantic reports no error and no warning (overrides, each
 #     with its reason, are in debian/*.lintian-overrides);
 #   - in a throw-away root, the amd64 and armhf packages install side by
-#     side, the tools run, and a small program builds against each with
+#     side with the API reference (libqel-util-doc, from the build
+#     machine's build), whose doc-base entry names an index page that is
+#     there, the tools run, and a small program builds against each with
 #     find_package(qel_util) and with pkg-config: natively, and cross for
 #     armhf with the project's tool chain file alone, run under qemu-user.
 # Needs root (mount namespace, chroot).
@@ -40,7 +42,7 @@ check_in_root() {
   # The tools are Multi-Arch: foreign, one architecture at a time: the
   # build machine's. Runtime and -dev packages of both go in together, with
   # the Multi-Arch: same packages they pull at one version.
-  local debs=("$source_dir"/build-pkg/{libqel-util1,libqel-util-dev,qel-util-tools}_*.deb
+  local debs=("$source_dir"/build-pkg/{libqel-util1,libqel-util-dev,qel-util-tools,libqel-util-doc}_*.deb
               "$source_dir/build-pkg-$cross"/{libqel-util1,libqel-util-dev}_*.deb)
   local pinned=()
   for package in libc6 libgcc-s1 gcc-12-base libstdc++6 linux-libc-dev; do
@@ -51,6 +53,13 @@ check_in_root() {
     { cat "$root/tmp/apt.log" >&2; echo "package-check: the packages do not install side by side" >&2; exit 1; }
   in_root dpkg-query -W -f='${Package}:${Architecture} ${Version}\n' \
     'libqel-util*' qel-util-tools | sed 's/^/package-check: installed /'
+
+  # Documentation browsers open the reference at the page its doc-base
+  # entry names: the package must hold it.
+  local index
+  index=$(sed -n 's/^Index: *//p' "$root/usr/share/doc-base/libqel-util-doc.libqel-util")
+  [ "$index" = /usr/share/doc/libqel-util-doc/html/index.html ] && [ -f "$root$index" ] ||
+    { echo "package-check: no API reference at '$index'" >&2; exit 1; }
 
   # The tools run from the package: qel-neighbour finds no ARP entry for
   # the loopback address.

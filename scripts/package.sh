@@ -3,7 +3,9 @@
 # dpkg-buildpackage:
 #   scripts/package.sh          for the build machine, into build-pkg/
 #   scripts/package.sh armhf    cross for the device (nocheck), into
-#                               build-pkg-armhf/
+#                               build-pkg-armhf/; the architecture-dependent
+#                               packages only: libqel-util-doc (all) comes
+#                               from the build machine's build
 # and prints the paths of the .deb files. Installs the build dependencies
 # first (as root, or through sudo); the armhf build runs in a throw-away
 # root (scripts/lib/throwaway-root.sh) that also holds the target's runtime.
@@ -13,9 +15,9 @@ source_dir=$PWD
 . scripts/multiarch.sh
 arch=${1:-$(dpkg --print-architecture)}
 if [ "$arch" = "$(dpkg --print-architecture)" ]; then
-  out=$source_dir/build-pkg; cross=()
+  out=$source_dir/build-pkg; cross=(); arch_only=()
 else
-  out=$source_dir/build-pkg-$arch; cross=(-a"$arch" -Pnocheck)
+  out=$source_dir/build-pkg-$arch; cross=(-a"$arch" -Pnocheck); arch_only=(-B)
 fi
 
 sudo=""
@@ -39,11 +41,13 @@ if $need_update; then
     echo "package: apt-get update reported errors; going on with the lists it has" >&2
 fi
 # dpkg-dev, debhelper and the cross tool chain, then Build-Depends for the
-# host architecture (all of them run on the build machine).
+# host architecture (all of them run on the build machine); a binary-arch
+# build leaves out Build-Depends-Indep (doxygen).
 tools=(dpkg-dev debhelper)
 [ ${#cross[@]} -eq 0 ] || tools+=("crossbuild-essential-$arch")
 $sudo apt-get install -y -qq --no-install-recommends "${tools[@]}" >/dev/null
-$sudo apt-get build-dep -y -qq "${cross[@]}" ./ >/dev/null
+$sudo apt-get build-dep -y -qq ${arch_only[@]:+--arch-only} "${cross[@]}" ./ \
+  >/dev/null
 
 # The package is built in a copy of the tree, so that dpkg-buildpackage
 # finds no earlier build output and leaves its results (written next to
@@ -53,7 +57,7 @@ work=$out/src/libqel-util
 mkdir -p "$work"
 tar -C "$source_dir" --exclude=./.git --exclude='./build*' \
   --exclude='./obj-*' -cf - . | tar -C "$work" -xf -
-build=(dpkg-buildpackage -us -uc -j2 "${cross[@]}")
+build=(dpkg-buildpackage -us -uc -j2 "${cross[@]}" "${arch_only[@]}")
 if [ ${#cross[@]} -eq 0 ]; then
   (cd "$work" && "${build[@]}") >"$out/build.log" 2>&1 || status=$?
 else
