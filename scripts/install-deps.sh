@@ -9,7 +9,7 @@ quiet_install \
   build-essential cmake pkg-config \
   libgtest-dev libgmock-dev googletest libbenchmark-dev \
   clang libclang-rt-14-dev \
-  iproute2 util-linux python3 dpkg-dev \
+  iproute2 util-linux procps python3 dpkg-dev \
   zlib1g-dev mmc-utils i2c-tools libubootenv-tool \
   g++-arm-linux-gnueabihf qemu-user \
   doxygen nlohmann-json3-dev
