@@ -5,20 +5,21 @@
 #   scripts/fuzz.sh [seconds]
 set -euo pipefail
 cd "$(dirname "$0")/.."
+source scripts/lib/progress.sh
 bash scripts/install-deps.sh
 
 seconds=${1:-30}
 fuzzers=(barcode_fuzzer key_value_fuzzer)
 
-CC=clang CXX=clang++ cmake -S . -B build-fuzz -DCMAKE_BUILD_TYPE=RelWithDebInfo \
-  -DQEL_UTIL_BUILD_EXAMPLES=OFF -DQEL_UTIL_BUILD_TOOLS=OFF >/dev/null
-cmake --build build-fuzz -j 2 --target "${fuzzers[@]}"
+step "configuring build-fuzz" env CC=clang CXX=clang++ \
+  cmake -S . -B build-fuzz -DCMAKE_BUILD_TYPE=RelWithDebInfo -DQEL_UTIL_BUILD_EXAMPLES=OFF
+step "building the fuzz targets" cmake --build build-fuzz -j 2 --target "${fuzzers[@]}"
 
 for fuzzer in "${fuzzers[@]}"; do
   name=${fuzzer%_fuzzer}
   corpus=build-fuzz/corpus/$name
   mkdir -p "$corpus"
-  echo "fuzzing $name for ${seconds}s"
+  note "fuzzing $name for ${seconds}s"
   (cd build-fuzz && "tests/fuzz/$fuzzer" -max_total_time="$seconds" \
     -print_final_stats=1 "corpus/$name" "../tests/fuzz/seeds/$name")
 done
