@@ -5,17 +5,19 @@
 # pid file. Any program must exit 0.
 #   run-snippets.sh QEL-DEVSIM PROGRAM...
 set -euo pipefail
+# A skip as GoogleTest words it, so that scripts/armhf.sh lists the reason.
+skip() { printf 'Readme.Snippets: Skipped\n%s\n' "$1"; exit 77; }
+
 if [ "${1:-}" != --inside ]; then
   devsim=$1
   shift
   if [ -n "${QEL_EMULATOR:-}" ]; then
-    echo "[  SKIPPED ] qel-devsim of this build runs on the device, not here"
-    exit 77
+    skip "qel-devsim of this build runs on the device, not here"
   fi
   status=0
   "$devsim" -- bash "$0" --inside "$@" || status=$?
   # The simulator's own failure (a refused namespace) is no fault of theirs.
-  [ "$status" -ne 125 ] || { echo "[  SKIPPED ] qel-devsim cannot run here"; exit 77; }
+  [ "$status" -ne 125 ] || skip "qel-devsim cannot run here"
   exit "$status"
 fi
 shift
