@@ -24,4 +24,13 @@ exec unshare --mount bash -euo pipefail -c '
   sed -n "/tests passed/,\$p" "$dir/missing-tools.log"
   [ "$status" -eq 0 ] ||
     { echo "a missing host program failed a test instead of skipping it"; exit 1; }
+  # Each skip names what is missing and the package that brings it.
+  for reason in "mmc (Debian package mmc-utils" \
+                "python3 (Debian package python3" "ip (Debian package iproute2" \
+                "fw_setenv (Debian package libubootenv-tool" \
+                "start-stop-daemon (Debian package dpkg" "pkg-config (Debian package pkg-config"; do
+    grep -qF "needs $reason" "$dir/Testing/Temporary/LastTest.log" ||
+      { echo "no test skipped, saying: needs $reason"; exit 1; }
+  done
+  echo "every test that drives a hidden program skipped, naming its package"
 ' _ "$blank" "$dir" "${hidden[@]}"

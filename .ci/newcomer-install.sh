@@ -17,8 +17,11 @@ note "the README's install block"
 printf '%s\n' "$block" | sed 's/^/    /'
 bash -euo pipefail -c "$block"
 
-note "the installed tool starts"
+note "the installed tool starts, and finds the library beside it without ldconfig"
 qel-neighbour 127.0.0.1
+tool=/usr/local/bin/qel-neighbour
+loader=$(readelf -l "$tool" | sed -n 's/.*interpreter: \(.*\)]/\1/p')
+"$loader" --inhibit-cache "$tool" 127.0.0.1
 
 note "a program of one's own, with find_package(qel_util)"
 build_tree tests/consumer/project /tmp/consumer

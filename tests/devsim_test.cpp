@@ -111,10 +111,11 @@ TEST_F(Devsim, EachOptionGivesTheLibraryItsAnswer) {
 }
 
 // The environment outlives a run: the barcode stored in one is on the
-// kernel command line of the next. Syslog goes to a file; /var/run and
-// /home/root/log stay in the kept directory and nowhere else.
+// kernel command line of the next. Syslog goes to a file, its folder made
+// as needed; /var/run and /home/root/log stay in the kept directory and
+// nowhere else.
 TEST_F(Devsim, KeepsEnvironmentSyslogAndRunFiles) {
-  const std::string env = m_dir + "/uboot.env", log = m_dir + "/syslog";
+  const std::string env = m_dir + "/uboot.env", log = m_dir + "/new/syslog";
   const std::string keep = "--env " + env + " --keep " + m_dir + "/kept";
   std::string out;
   ASSERT_EQ(Simulate(keep + " --barcode ASN=A123456789,BREV=R02",
@@ -138,12 +139,15 @@ TEST_F(Devsim, RunsAnArmhfBuildWithTheSameDevice) {
   const std::string devinfo = QEL_ARMHF_BUILD "/tools/qel-devinfo";
   if (access(devinfo.c_str(), X_OK) != 0 || Shell("command -v qemu-arm") != 0)
     GTEST_SKIP() << "needs qemu-arm and the armhf build (bash scripts/armhf.sh)";
-  std::string out;
-  EXPECT_EQ(Simulate("--hwid A1B2C3 --barcode ASN=A123456789 --i2c 1",
-                     devinfo + " --json", &out), 0) << out;
-  for (const char* text : {"\"deviceId\": \"A1B2C3\"", "\"asn\": \"A123456789\"",
-                           "\"serialNumber\": \"DE51A0000001\""})
-    EXPECT_NE(out.find(text), std::string::npos) << out;
+  // Found beside this build, and where --armhf-libs says.
+  for (const std::string libs : {"", " --armhf-libs " QEL_ARMHF_BUILD "/tools/devsim"}) {
+    std::string out;
+    EXPECT_EQ(Simulate("--hwid A1B2C3 --barcode ASN=A123456789 --i2c 1" + libs,
+                       devinfo + " --json", &out), 0) << out;
+    for (const char* text : {"\"deviceId\": \"A1B2C3\"", "\"asn\": \"A123456789\"",
+                             "\"serialNumber\": \"DE51A0000001\""})
+      EXPECT_NE(out.find(text), std::string::npos) << libs << "\n" << out;
+  }
 }
 #endif
 

@@ -301,10 +301,16 @@ int Main(int argc, char** argv) {
       return kSimulatorFailed;
     }
   }
-  if (!o.syslogFile.empty() &&
-      !(run.syslogFile = std::fopen(o.syslogFile.c_str(), "we"))) {
-    std::fprintf(stderr, "qel-devsim: %s: %s\n", o.syslogFile.c_str(), std::strerror(errno));
-    return kSimulatorFailed;
+  if (!o.syslogFile.empty()) {
+    // Its folder may be the --keep one, which only the device makes.
+    const size_t slash = o.syslogFile.rfind('/');
+    const std::string why =
+        slash == std::string::npos || slash == 0 ? "" : MakeDirs(o.syslogFile.substr(0, slash));
+    if (!why.empty() || !(run.syslogFile = std::fopen(o.syslogFile.c_str(), "we"))) {
+      std::fprintf(stderr, "qel-devsim: %s: %s\n", o.syslogFile.c_str(),
+                   why.empty() ? std::strerror(errno) : why.c_str());
+      return kSimulatorFailed;
+    }
   }
   for (int s : {SIGINT, SIGTERM, SIGHUP}) std::signal(s, Forward);
   return InChild(Device, run);
