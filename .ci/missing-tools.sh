@@ -19,7 +19,8 @@ exec unshare --mount bash -euo pipefail -c '
   done
   echo "ctest with $* hidden:"
   status=0
-  ctest --test-dir "$dir" -j "$(nproc)" --output-on-failure >"$dir/missing-tools.log" 2>&1 ||
+  PATH=/usr/sbin:/usr/bin:/sbin:/bin \
+    ctest --test-dir "$dir" -j "$(nproc)" --output-on-failure >"$dir/missing-tools.log" 2>&1 ||
     status=$?
   sed -n "/tests passed/,\$p" "$dir/missing-tools.log"
   [ "$status" -eq 0 ] ||
@@ -27,7 +28,7 @@ exec unshare --mount bash -euo pipefail -c '
   # Each skip names what is missing and the package that brings it.
   for reason in "mmc (Debian package mmc-utils" \
                 "python3 (Debian package python3" "ip (Debian package iproute2" \
-                "fw_setenv (Debian package libubootenv-tool" \
+                "/usr/bin/fw_setenv (Debian package libubootenv-tool" \
                 "start-stop-daemon (Debian package dpkg" "pkg-config (Debian package pkg-config"; do
     grep -qF "needs $reason" "$dir/Testing/Temporary/LastTest.log" ||
       { echo "no test skipped, saying: needs $reason"; exit 1; }
