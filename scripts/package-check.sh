@@ -8,7 +8,11 @@
 #     machine's build), whose doc-base entry names an index page that is
 #     there, the tools run, and a small program builds against each with
 #     find_package(qel_util) and with pkg-config: natively, and cross for
-#     armhf with the project's tool chain file alone, run under qemu-user.
+#     armhf with the project's tool chain file alone, run under qemu-user;
+#   - the installed qel-devsim finds the installed emulators of both
+#     architectures: it runs the amd64 qel-devinfo and the armhf one (taken
+#     out of the armhf qel-util-tools, which does not install beside the
+#     amd64 one) on a simulated device whose hardware ID they print.
 # Needs root (mount namespace, chroot).
 set -euo pipefail
 cd "$(dirname "$0")/.."
@@ -40,10 +44,14 @@ check_in_root() {
   make_root "$base" "$source_dir"
   in_root dpkg --add-architecture "$cross"
   # The tools are Multi-Arch: foreign, one architecture at a time: the
-  # build machine's. Runtime and -dev packages of both go in together, with
-  # the Multi-Arch: same packages they pull at one version.
-  local debs=("$source_dir"/build-pkg/{libqel-util1,libqel-util-dev,qel-util-tools,libqel-util-doc}_*.deb
-              "$source_dir/build-pkg-$cross"/{libqel-util1,libqel-util-dev}_*.deb)
+  # build machine's. Runtime, -dev and emulator packages of both go in
+  # together, with the Multi-Arch: same packages they pull at one version.
+  local same=(libqel-util1 libqel-util-dev qel-util-devsim-emulators)
+  local debs=("$source_dir"/build-pkg/{qel-util-tools,libqel-util-doc}_*.deb)
+  for package in "${same[@]}"; do
+    debs+=("$source_dir/build-pkg/${package}"_*.deb
+           "$source_dir/build-pkg-$cross/${package}"_*.deb)
+  done
   local pinned=()
   for package in libc6 libgcc-s1 gcc-12-base libstdc++6 linux-libc-dev; do
     mapfile -t -O ${#pinned[@]} pinned < <(same_version "$package" "$native" "$cross")
@@ -52,7 +60,7 @@ check_in_root() {
     "${debs[@]}" "${pinned[@]}" >"$root/tmp/apt.log" 2>&1 ||
     { cat "$root/tmp/apt.log" >&2; echo "package-check: the packages do not install side by side" >&2; exit 1; }
   in_root dpkg-query -W -f='${Package}:${Architecture} ${Version}\n' \
-    'libqel-util*' qel-util-tools | sed 's/^/package-check: installed /'
+    'libqel-util*' 'qel-util-*' | sed 's/^/package-check: installed /'
 
   # Documentation browsers open the reference at the page its doc-base
   # entry names: the package must hold it.
@@ -65,6 +73,22 @@ check_in_root() {
   # the loopback address.
   in_root qel-devinfo --help >/dev/null
   in_root qel-neighbour 127.0.0.1 | grep -qx '127.0.0.1 0'
+
+  # The installed qel-devsim runs programs of both architectures on a
+  # simulated device, with the emulators that the packages installed: the
+  # hardware ID reaches the program only through the RPMB emulator.
+  devsim_runs() {  # ARCHITECTURE PROGRAM HWID
+    in_root /usr/bin/qel-devsim --hwid "$3" -- "$2" >"$root/tmp/devsim.log" 2>&1 &&
+      grep -q "^device ID: *$3 " "$root/tmp/devsim.log" ||
+      { cat "$root/tmp/devsim.log" >&2
+        echo "package-check: the installed qel-devsim does not run the $1 $2" >&2
+        exit 1; }
+    echo "package-check: the installed qel-devsim runs the $1 $2"
+  }
+  devsim_runs "$native" /usr/bin/qel-devinfo PKGCHECK
+  local armhf_tools=/tmp/qel-util-tools-$cross
+  dpkg-deb -x "$source_dir/build-pkg-$cross"/qel-util-tools_*.deb "$root$armhf_tools"
+  devsim_runs "$cross" "$armhf_tools/usr/bin/qel-devinfo" PKGARM
 
   in_root bash "$source_dir/scripts/consumer-test.sh" system
   in_root env CXX=arm-linux-gnueabihf-g++ QEL_EMULATOR="qemu-arm -L /" \

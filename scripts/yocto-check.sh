@@ -193,14 +193,15 @@ for package in packages:
 
 staged = {os.path.relpath(p, image) for p in walk(image)}
 for path in sorted(staged):
-    print(f"yocto-check: {owner.get(path, 'UNPACKAGED'):20} /{path}")
+    print(f"yocto-check: {owner.get(path, 'UNPACKAGED'):28} /{path}")
 problems = [f"/{p} is in no package" for p in sorted(staged - owner.keys())]
 
 # Where the recipe means each kind of file to go.
 expected = [
     (r"usr/lib/libqel_util\.so\.[0-9.]+$", PN),
     (r"usr/(include/|lib/libqel_util\.so$|lib/pkgconfig/|lib/cmake/)", PN + "-dev"),
-    (r"usr/(bin/|lib/qel_util/)", PN + "-tools"),
+    (r"usr/bin/", PN + "-tools"),
+    (r"usr/lib/qel_util/", PN + "-devsim-emulators"),
     (r"usr/share/man/", PN + "-doc"),
 ]
 for path in sorted(staged):
@@ -209,7 +210,7 @@ for path in sorted(staged):
         problems.append(f"/{path}: no package is meant for it")
     elif owner.get(path) != wanted[0]:
         problems.append(f"/{path} lands in {owner.get(path)}, meant for {wanted[0]}")
-for pkg in (PN, PN + "-dev", PN + "-tools"):
+for pkg in (PN, PN + "-dev", PN + "-tools", PN + "-devsim-emulators"):
     if pkg not in owner.values():
         problems.append(f"{pkg} is empty")
 for p in problems:

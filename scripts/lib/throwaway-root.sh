@@ -16,6 +16,9 @@ make_root() {
     -o "lowerdir=/,upperdir=$base/upper,workdir=$base/work" "$base/root"
   root=$base/root
   mount -t proc proc "$root/proc"
+  # qel-devsim lays its device files over /sys with an overlay, which the
+  # kernel refuses (EINVAL) on the root's own empty folder there.
+  mount -t sysfs sysfs "$root/sys"
   mount --rbind /dev "$root/dev"
   mount -t tmpfs tmpfs "$root/tmp"
   mkdir -p "$root$2"

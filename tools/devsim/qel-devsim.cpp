@@ -292,7 +292,8 @@ int Main(int argc, char** argv) {
     const char* missing = FindProgram("qemu-arm").empty()
                               ? "qemu-arm (Debian: qemu-user)"
                           : run.armhfLibs.empty()
-                              ? "the armhf emulators (--armhf-libs DIR, or"
+                              ? "the armhf emulators (--armhf-libs DIR, Debian's"
+                                " qel-util-devsim-emulators:armhf, or"
                                 " scripts/armhf.sh beside this build)"
                               : nullptr;
     if (missing) {

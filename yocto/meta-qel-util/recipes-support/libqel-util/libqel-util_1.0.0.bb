@@ -22,10 +22,13 @@ DEPENDS = "nlohmann-json"
 # example service on the device.
 EXTRA_OECMAKE = "-DBUILD_TESTING=OFF -DQEL_UTIL_BUILD_EXAMPLES=OFF"
 
-# The tools and what they load (${libdir}/qel_util) in a package of their
-# own; the manual pages go to ${PN}-doc with the rest of the documentation.
-PACKAGES =+ "${PN}-tools"
-FILES:${PN}-tools = "${bindir}/* ${libdir}/qel_util"
+# The tools in a package of their own, and the emulators that qel-devsim
+# preloads (${libdir}/qel_util) in another, as in the Debian packages; the
+# manual pages go to ${PN}-doc with the rest of the documentation.
+PACKAGES =+ "${PN}-tools ${PN}-devsim-emulators"
+FILES:${PN}-tools = "${bindir}/*"
+FILES:${PN}-devsim-emulators = "${libdir}/qel_util"
+RDEPENDS:${PN}-tools = "${PN}-devsim-emulators"
 
 # Programs the library runs through the shell: /sbin/bridge for the
 # neighbour check (iproute2's bridge) and /sbin/fw_setenv for the barcode
