@@ -1,8 +1,8 @@
 #!/bin/bash
 # Builds the Debian packages for the build machine and for armhf and proves
 # them the way a user takes them:
-#   - lintian --pedantic reports no error and no warning (overrides, each
-#     with its reason, are in debian/*.lintian-overrides);
+#   - lintian --pedantic reports no error and no warning (an override
+#     would go in debian/*.lintian-overrides with its reason; none is needed);
 #   - in a throw-away root, the amd64 and armhf packages install side by
 #     side with the API reference (libqel-util-doc, from the build
 #     machine's build), whose doc-base entry names an index page that is

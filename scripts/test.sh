@@ -22,7 +22,7 @@ case "$kind" in
     filter=() ;;
   tsan)
     dir=build-tsan; flags="-fsanitize=thread"
-    filter=(-R '^(PosixThread|PosixSemaphore|MsgQHandler|SysVSemaphoreMutex)') ;;
+    filter=(-R '^(PosixThread|MsgQHandler|SysVSemaphoreMutex)') ;;
   clang-ubsan)
     dir=build-clang-ubsan; export CC=clang CXX=clang++
     # As in asan, the vptr check is left out.

@@ -1,5 +1,5 @@
 // The RPMB reader and the hardware-ID record of block 0, run by the probe
-// program against the emulated eMMC (tests/rpmb_emulator), which mmc-utils
+// program against the emulated eMMC (qel-devsim's RPMB emulator), which mmc-utils
 // reads as well; in-process against a node that is no MMC device or none.
 
 #include <syslog.h>

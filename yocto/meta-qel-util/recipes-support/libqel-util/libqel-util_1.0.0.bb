@@ -2,7 +2,8 @@ SUMMARY = "Utility library for the service programs of an embedded Linux device"
 DESCRIPTION = "A daemon framework, thread and System V IPC wrappers, \
 abstract-namespace datagram sockets, device identity queries (eMMC RPMB \
 hardware ID, serial number, barcode, firmware version), an I2C adapter, an \
-IPv4 neighbour check and CRC-32, with the tools qel-devinfo and qel-neighbour."
+IPv4 neighbour check and CRC-32, with the tools qel-devinfo, qel-neighbour \
+and the device simulator qel-devsim."
 SECTION = "libs"
 LICENSE = "MIT"
 LIC_FILES_CHKSUM = "file://LICENSE;md5=fbf805432eba6eda82dcefd54244243d"
