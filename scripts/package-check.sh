@@ -18,7 +18,7 @@ set -euo pipefail
 cd "$(dirname "$0")/.."
 bash scripts/install-deps.sh
 source_dir=$PWD
-. scripts/multiarch.sh
+. scripts/lib/multiarch.sh
 native=$(dpkg --print-architecture)
 cross=armhf
 start=$SECONDS

@@ -12,7 +12,7 @@
 set -euo pipefail
 cd "$(dirname "$0")/.."
 source_dir=$PWD
-. scripts/multiarch.sh
+. scripts/lib/multiarch.sh
 arch=${1:-$(dpkg --print-architecture)}
 if [ "$arch" = "$(dpkg --print-architecture)" ]; then
   out=$source_dir/build-pkg; cross=(); arch_only=()
