@@ -19,6 +19,7 @@ cd "$(dirname "$0")/.."
 bash scripts/install-deps.sh
 source_dir=$PWD
 . scripts/lib/multiarch.sh
+. scripts/lib/progress.sh
 native=$(dpkg --print-architecture)
 cross=armhf
 start=$SECONDS
@@ -26,12 +27,7 @@ start=$SECONDS
 bash scripts/package.sh >/dev/null
 bash scripts/package.sh "$cross" >/dev/null
 
-if ! command -v lintian >/dev/null; then
-  # A failing index (a mirror in mid-sync) is no reason to stop: the
-  # install fails clearly if lintian is really out of reach.
-  apt-get update -qq || echo "package-check: apt-get update reported errors" >&2
-  apt-get install -y -qq --no-install-recommends lintian >/dev/null
-fi
+quiet_install lintian
 for changes in build-pkg/*.changes "build-pkg-$cross"/*.changes; do
   # Info and pedantic tags are shown; an error or a warning fails.
   lintian --pedantic --info --fail-on error,warning "$changes" 2>/dev/null ||

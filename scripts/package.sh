@@ -13,6 +13,7 @@ set -euo pipefail
 cd "$(dirname "$0")/.."
 source_dir=$PWD
 . scripts/lib/multiarch.sh
+. scripts/lib/progress.sh
 arch=${1:-$(dpkg --print-architecture)}
 if [ "$arch" = "$(dpkg --print-architecture)" ]; then
   out=$source_dir/build-pkg; cross=(); arch_only=()
@@ -20,34 +21,22 @@ else
   out=$source_dir/build-pkg-$arch; cross=(-a"$arch" -Pnocheck); arch_only=(-B)
 fi
 
-sudo=""
-[ "$(id -u)" -eq 0 ] || sudo="sudo"
-export DEBIAN_FRONTEND=noninteractive
-need_update=false
-if [ ${#cross[@]} -gt 0 ] &&
-   ! dpkg --print-foreign-architectures | grep -qx "$arch"; then
-  $sudo dpkg --add-architecture "$arch"
-  need_update=true
-fi
-command -v dpkg-buildpackage >/dev/null && command -v dh >/dev/null ||
-  need_update=true
-[ ${#cross[@]} -eq 0 ] || [ -n "$(offered_versions libc6 "$arch")" ] ||
-  need_update=true
-if $need_update; then
-  # One index that fails to download (a mirror in mid-sync) must not stop
-  # the build when what it needs still installs: the install below fails
-  # clearly if something is really missing.
-  $sudo apt-get update -qq ||
-    echo "package: apt-get update reported errors; going on with the lists it has" >&2
+sudo=${as_root[*]}
+# A foreign architecture needs its package lists before anything of it
+# installs, also when an earlier update of them failed.
+if [ ${#cross[@]} -gt 0 ]; then
+  dpkg --print-foreign-architectures | grep -qx "$arch" ||
+    $sudo dpkg --add-architecture "$arch"
+  [ -n "$(offered_versions libc6 "$arch")" ] || update_lists
 fi
 # dpkg-dev, debhelper and the cross tool chain, then Build-Depends for the
 # host architecture (all of them run on the build machine); a binary-arch
 # build leaves out Build-Depends-Indep (doxygen).
 tools=(dpkg-dev debhelper)
 [ ${#cross[@]} -eq 0 ] || tools+=("crossbuild-essential-$arch")
-$sudo apt-get install -y -qq --no-install-recommends "${tools[@]}" >/dev/null
-$sudo apt-get build-dep -y -qq ${arch_only[@]:+--arch-only} "${cross[@]}" ./ \
-  >/dev/null
+quiet_install "${tools[@]}"
+step "installing the build dependencies" \
+  $sudo apt-get build-dep -y ${arch_only[@]:+--arch-only} "${cross[@]}" ./
 
 # The package is built in a copy of the tree, so that dpkg-buildpackage
 # finds no earlier build output and leaves its results (written next to

@@ -28,23 +28,30 @@ step() {
   return "$status"
 }
 
+# Package management needs root; others go through sudo.
+as_root=()
+[ "$(id -u)" -eq 0 ] || as_root=(sudo)
+export DEBIAN_FRONTEND=noninteractive
+
+# update_lists: apt-get update. A failing index (one mirror in the middle of
+# a sync, say) does not stop the run: an install that follows fails if a
+# package really cannot be had.
+update_lists() {
+  step "updating the package lists" "${as_root[@]}" apt-get update ||
+    note "some package lists could not be updated; going on with those at hand"
+}
+
 # quiet_install PACKAGE...: installs the Debian packages not yet installed.
-# A failing "apt-get update" (one mirror index in the middle of a sync, say)
-# does not stop the run: the install that follows fails if a package really
-# cannot be had.
 quiet_install() {
-  local missing=() p sudo=""
+  local missing=() p
   for p in "$@"; do
     dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q "ok installed" ||
       missing+=("$p")
   done
   [ ${#missing[@]} -eq 0 ] && return 0
-  [ "$(id -u)" -eq 0 ] || sudo="sudo"
-  export DEBIAN_FRONTEND=noninteractive
-  step "updating the package lists" $sudo apt-get update ||
-    note "some package lists could not be updated; going on with those at hand"
+  update_lists
   step "installing ${#missing[@]} packages: ${missing[*]}" \
-    $sudo apt-get install -y --no-install-recommends "${missing[@]}"
+    "${as_root[@]}" apt-get install -y --no-install-recommends "${missing[@]}"
 }
 
 # build_tree SOURCE DIR [CMAKE-ARGUMENT...]: configures and builds, one line
