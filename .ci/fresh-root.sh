@@ -10,6 +10,7 @@
 set -euo pipefail
 cd "$(dirname "$0")/.."
 source scripts/lib/progress.sh
+source scripts/lib/throwaway-root.sh
 
 include=ca-certificates,git
 if [ "${1:-}" = --include ]; then
@@ -47,15 +48,9 @@ step "making a fresh Debian 12 root with $include" \
     --customize-hook="sync-out /var/cache/apt/archives $cache" \
     bookworm "$root" "$sources"
 
-# Namespaces, overlays and bridges need a root that is a mount point with the
-# kernel's file systems and writable /tmp and /run, as on a booted machine.
+# Namespaces, overlays and bridges need the root to be a mount point.
 mount --bind "$root" "$root"
-mount -t proc proc "$root/proc"
-mount -t sysfs sysfs "$root/sys"
-mount --rbind /dev "$root/dev"
-mount --make-rslave "$root/dev"
-mount -t tmpfs tmpfs "$root/tmp"
-mount -t tmpfs tmpfs "$root/run"
+mount_system_dirs "$root"
 mkdir -p "$root/var/cache/apt/archives"
 mount --bind "$cache" "$root/var/cache/apt/archives"
 cp /etc/resolv.conf "$root/etc/resolv.conf" 2>/dev/null || true

@@ -6,6 +6,19 @@
 # ends with it. Another way of making a fresh root can take its place as
 # long as it keeps these two functions.
 
+# mount_system_dirs ROOT: the kernel's file systems, /dev and an empty /tmp
+# and /run in ROOT, as a booted machine has them. Namespaces, overlays (also
+# qel-devsim's over /sys, which the kernel refuses on an empty folder) and
+# bridges need them.
+mount_system_dirs() {
+  mount -t proc proc "$1/proc"
+  mount -t sysfs sysfs "$1/sys"
+  mount --rbind /dev "$1/dev"
+  mount --make-rslave "$1/dev"
+  mount -t tmpfs tmpfs "$1/tmp"
+  mount -t tmpfs tmpfs "$1/run"
+}
+
 # make_root BASE SOURCE_DIR: makes the root below the empty folder BASE and
 # sets $root.
 make_root() {
@@ -15,12 +28,7 @@ make_root() {
   mount -t overlay overlay \
     -o "lowerdir=/,upperdir=$base/upper,workdir=$base/work" "$base/root"
   root=$base/root
-  mount -t proc proc "$root/proc"
-  # qel-devsim lays its device files over /sys with an overlay, which the
-  # kernel refuses (EINVAL) on the root's own empty folder there.
-  mount -t sysfs sysfs "$root/sys"
-  mount --rbind /dev "$root/dev"
-  mount -t tmpfs tmpfs "$root/tmp"
+  mount_system_dirs "$root"
   mkdir -p "$root$2"
   mount --bind "$2" "$root$2"
 }

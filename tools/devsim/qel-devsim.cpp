@@ -158,8 +158,10 @@ std::string SetUpDevice(const Run& run) {
                             root + "/lib" +
                             (set ? "," + std::string(set) : "")).c_str(), 1);
     unsetenv("LD_PRELOAD");
-    args.insert(args.begin(), {"qemu-arm", "-L", root, "-0", args[0], run.program});
-    args.erase(args.begin() + 6);
+    // "-0" keeps the program's own argv[0].
+    const std::string name = args[0];
+    args[0] = run.program;
+    args.insert(args.begin(), {"qemu-arm", "-L", root, "-0", name});
     path = FindProgram("qemu-arm");
   }
   std::vector<char*> argv;
