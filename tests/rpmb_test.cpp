@@ -126,7 +126,7 @@ TEST(RpmbReader, ReadsBlocksInOneIoctlUnlessTheLastFrameFailed) {
     const std::string image = PartitionImage();
     struct {
       const char *range, *results;
-      size_t at, size;      // a failure: its result code and 0
+      size_t at, size;                // a failure: its result code and 0
       const char* failure = nullptr;  // nullptr: read
     } cases[] = {
         {"2 3", "", 512, 768}, {"510 1", "", 510 * 256, 256},  // the last
