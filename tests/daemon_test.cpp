@@ -49,36 +49,19 @@ pid_t Launch(const std::vector<std::string>& args,
   _exit(127);
 }
 
-// Exit status of `pid` (of any child for -1); 128 + signal when killed. A
-// process still there after ten seconds is hung: it is killed (137).
-int Reap(pid_t pid = -1) {
-  int status = 0;
-  pid_t done = 0;
-  for (int i = 0; pid > 0 && i < 1000 && (done = waitpid(pid, &status, WNOHANG)) == 0; ++i)
-    std::this_thread::sleep_for(std::chrono::milliseconds(10));
-  if (done == 0) {
-    if (pid > 0 && kill(pid, SIGKILL) == 0) ADD_FAILURE() << "process " << pid << " hung";
-    done = waitpid(pid, &status, 0);
-  }
-  return done < 0 ? -1 : WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
-}
-
 // The file's contents once it has any, "" after five seconds.
 std::string WaitFor(const std::string& path) {
-  for (int i = 0; i < 500 && ReadFile(path).empty(); ++i)
-    std::this_thread::sleep_for(std::chrono::milliseconds(10));
+  Eventually([&path] { return !ReadFile(path).empty(); });
   return ReadFile(path);
 }
 
 // qemu-user refuses PR_SET_CHILD_SUBREAPER; under an emulator the body is the
 // init of a PID namespace instead, which adopts orphans just the same.
 void SubreaperSandbox(const std::function<void()>& body) {
-  SandboxOptions options;
-  options.pid = !TargetEmulator().empty();
   RunInSandbox([&] {
-    ASSERT_TRUE(options.pid || prctl(PR_SET_CHILD_SUBREAPER, 1) == 0);
+    ASSERT_TRUE(!TargetEmulator().empty() || prctl(PR_SET_CHILD_SUBREAPER, 1) == 0);
     body();
-  }, options);
+  }, {false, !TargetEmulator().empty()});
 }
 
 TEST(Daemon, PidFileContentsDecideWhetherTheDaemonStarts) {
@@ -142,7 +125,8 @@ TEST(Daemon, RunsDetachedUntilAStopSignalOrAFault) {
       EXPECT_EQ(WaitFor("/mnt/report"),
                 "pid=" + id + " sid=" + id + " umask=000 cwd=/ fds=0,1,2, pclose=768\n");
       ASSERT_EQ(kill(pid, SIGHUP), 0);  // ignored
-      c.sig != 0 ? kill(pid, c.sig) : WriteFile("/mnt/crash", "");
+      if (c.sig != 0) kill(pid, c.sig);
+      else WriteFile("/mnt/crash", "");
       EXPECT_EQ(Reap(pid), c.sig != 0 ? 0 : 1);
       EXPECT_NE(access(kPidFile, F_OK), 0) << "pid file left behind";
       unlink("/mnt/report");

@@ -101,7 +101,7 @@ TEST_F(Devsim, EachOptionGivesTheLibraryItsAnswer) {
   // A partition image of the user's; the run lasts as long as a process
   // left behind (a daemon).
   std::string out;
-  ASSERT_TRUE(WriteFile(m_dir + "/rpmb.img", qel_devsim::HardwareIdRecord("HWID=IMG1")));
+  ASSERT_EQ(WriteFile(m_dir + "/rpmb.img", qel_devsim::HardwareIdRecord("HWID=IMG1")), "");
   EXPECT_EQ(Simulate("--rpmb-image " + m_dir + "/rpmb.img",
                      "sh -c '(sleep 0.3; echo late) & $DEVINFO | head -1'", &out), 0);
   EXPECT_EQ(out, "device ID:        IMG1 (error 0)\nlate\n");

@@ -17,8 +17,8 @@ TEST(FwVersionString, ScriptOutputWithoutTrailingWhiteSpace) {
         {"echo cannot >&2; exit 1", ""},
     };
     for (const auto& c : cases) {
-      ASSERT_TRUE(qel_test::MountScript("/usr/bin/ubi_get_volume_versions.sh",
-                                        std::string(c.first) + "\n"));
+      ASSERT_EQ(qel_test::MountScript("/usr/bin/ubi_get_volume_versions.sh",
+                                        std::string(c.first) + "\n"), "");
       EXPECT_EQ(qel_util::system::fwVersionString(), c.second) << c.first;
     }
   });

@@ -42,15 +42,11 @@ void WithNetwork(void (*body)()) {
   QEL_REQUIRE_SANDBOX();
   QEL_REQUIRE_HOST_PROGRAM("ip", "iproute2");
   QEL_REQUIRE_HOST_PROGRAM("bridge", "iproute2");
-  qel_test::SandboxOptions options;
-  options.network = true;
-  qel_test::RunInSandbox(
-      [body] {
-        std::string output;
-        ASSERT_EQ(Shell(kNetwork, &output), 0) << output;
-        body();
-      },
-      options);
+  qel_test::RunInSandbox([body] {
+    std::string output;
+    ASSERT_EQ(Shell(kNetwork, &output), 0) << output;
+    body();
+  }, {true});
 }
 
 TEST(CheckIPv4Address, ClassesTheDeviceOfTheFirstMatchingEntry) {
@@ -82,7 +78,7 @@ TEST(CheckIPv4Address, MissingBridgeToolGivesNoAnswerBehindABridge) {
   WithNetwork([] {
     char tool[PATH_MAX];
     ASSERT_NE(realpath("/sbin/bridge", tool), nullptr);
-    ASSERT_TRUE(qel_test::MountTmpfs(std::string(tool, strrchr(tool, '/'))));
+    ASSERT_EQ(qel_test::MountTmpfs(std::string(tool, strrchr(tool, '/'))), "");
     EXPECT_EQ(CheckIPv4Address("10.1.0.1"), 0);
     EXPECT_EQ(CheckIPv4Address("10.0.0.1"), 1);
   });
@@ -95,8 +91,8 @@ TEST(CheckIPv4Address, ABridgeNameRunsNothingUnlessPlain) {
     ASSERT_EQ(Shell("ip link add 'br0;>pwned' type bridge && ip neigh add "
                     "10.4.0.1 lladdr 02:00:00:00:04:01 dev 'br0;>pwned'"),
               0);
-    ASSERT_TRUE(qel_test::MountScript("/sbin/bridge",
-                                      "echo \"$*\" >> /mnt/bridge-runs\n"));
+    ASSERT_EQ(qel_test::MountScript("/sbin/bridge",
+                                      "echo \"$*\" >> /mnt/bridge-runs\n"), "");
     ASSERT_EQ(chdir("/mnt"), 0);
     EXPECT_EQ(CheckIPv4Address("10.4.0.1"), 0);
     EXPECT_EQ(CheckIPv4Address("10.1.0.1"), 0);  // a plain name runs the tool

@@ -2,7 +2,6 @@
 #include <poll.h>
 #include <sys/ioctl.h>
 #include <sys/msg.h>
-#include <sys/wait.h>
 #include <unistd.h>
 #include <chrono>
 #include <cstring>
@@ -113,9 +112,7 @@ TEST(MsgQHandler, TwoProcessesShareAKeyAndDestructionNeverHangs) {
     Send(handler, 2, "ping");
     ASSERT_TRUE(Readable(handler.get_fd(), 5000));
     EXPECT_EQ(Receive(handler), "pong");
-    int status = 0;
-    ASSERT_EQ(waitpid(child, &status, 0), child);
-    EXPECT_EQ(status, 0);
+    EXPECT_EQ(qel_test::Reap(child), 0);
     // Destroyed while probing an empty queue, then while parked on a message
     // (a destructor that waits for the watcher hangs the test).
     for (bool parked : {false, true}) {

@@ -4,7 +4,6 @@
 #include <sys/resource.h>
 #include <unistd.h>
 #include <atomic>
-#include <chrono>
 #include <string>
 #include <thread>
 #include <gtest/gtest.h>
@@ -25,18 +24,12 @@ int TaskCount() {
   return count;
 }
 
-// A joined thread leaves /proc a moment later (much later under qemu-user).
-template <typename Condition> bool Eventually(Condition done) {
-  for (int i = 0; i < 400 && !done(); ++i) std::this_thread::sleep_for(std::chrono::milliseconds(5));
-  return done();
-}
-
 // Lets a sanitizer start its helper thread before the count; waits out the probe.
 int BaselineTaskCount() {
   pid_t tid = 0;
   std::thread([&tid] { tid = gettid(); }).join();
   const std::string task = "/proc/self/task/" + std::to_string(tid);
-  EXPECT_TRUE(Eventually([&task] { return access(task.c_str(), F_OK) != 0; }));
+  EXPECT_TRUE(qel_test::Eventually([&task] { return access(task.c_str(), F_OK) != 0; }));
   return TaskCount();
 }
 
@@ -65,7 +58,7 @@ TEST(PosixThread, StartsCancellableAndItsDestructorEndsABlockedThread) {
     }
     EXPECT_EQ(state.cancelState, PTHREAD_CANCEL_ENABLE);
     EXPECT_EQ(state.cancelType, PTHREAD_CANCEL_DEFERRED);
-    EXPECT_TRUE(Eventually([before] { return TaskCount() == before; }));
+    EXPECT_TRUE(qel_test::Eventually([before] { return TaskCount() == before; }));
     EXPECT_EQ(err.Text(), "");
   });
 }
@@ -92,7 +85,7 @@ TEST(PosixThread, SchedulingFailuresAreReportedAndLeaveNoThread) {
       }
       EXPECT_EQ(err.Text(), c.report);
       // A refused policy ends the kernel thread after pthread_create returned.
-      EXPECT_TRUE(Eventually([before] { return TaskCount() == before; }));
+      EXPECT_TRUE(qel_test::Eventually([before] { return TaskCount() == before; }));
       EXPECT_FALSE(ran.load());
     });
   }

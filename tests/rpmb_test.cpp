@@ -31,20 +31,20 @@ struct RpmbRun { std::string out, err, data; };
 // Gives standard output and error and the data file.
 RpmbRun RunOnRpmb(const std::string& image, const std::string& command,
                   const std::string& env = "") {
-  const std::string path = ScratchPath("rpmb.img");
+  const std::string path = "/mnt/rpmb.img";
   unlink(path.c_str());
-  unlink(ScratchPath("data").c_str());
+  unlink("/mnt/data");
   if (!image.empty()) WriteFile(path, image);
   const char* asan = std::getenv("ASAN_OPTIONS");
   RpmbRun run;
-  Shell("export D=" + ScratchPath("data") + " PROBE='" QEL_RPMB_PROBE "' " +
+  Shell("export D=/mnt/data PROBE='" QEL_RPMB_PROBE "' " +
             TargetPreloadAssignment(QEL_RPMB_EMULATOR) + " ASAN_OPTIONS='" +
             (asan ? std::string(asan) + ":" : "") +
             "verify_asan_link_order=0:detect_leaks=0' QEL_RPMB_IMAGE=" + path +
-            " " + env + "; " + command + " 2>" + ScratchPath("err"),
+            " " + env + "; " + command + " 2>/mnt/err",
         &run.out);
-  run.err = ReadFile(ScratchPath("err"));
-  run.data = ReadFile(ScratchPath("data"));
+  run.err = ReadFile("/mnt/err");
+  run.data = ReadFile("/mnt/data");
   return run;
 }
 
@@ -97,7 +97,7 @@ TEST(RpmbReader, ChecksTheNodeAndArgumentsBeforeTheIoctl) {
     EXPECT_EQ(MmcPrivate().RunCommand(&read, responses), -9);
     EXPECT_EQ(MmcPrivate().ReadData(0, 1, buffer), 1);
 
-    ASSERT_TRUE(WriteFile("/dev/mmcblk0rpmb", ""));
+    ASSERT_EQ(WriteFile("/dev/mmcblk0rpmb", ""), "");
     MmcPrivate mmc;
     EXPECT_EQ(mmc.RunCommand(&read, responses), -1);
     if (TargetEmulator().empty()) {  // qemu answers ENOSYS itself
@@ -117,20 +117,38 @@ TEST(RpmbReader, ChecksTheNodeAndArgumentsBeforeTheIoctl) {
   });
 }
 
-TEST(RpmbReader, ReadsBlocksInOneIoctl) {
+// Only the masked result of the last frame counts: the write counter's
+// expiry (0x80) and failures in earlier frames leave a read good.
+TEST(RpmbReader, ReadsBlocksInOneIoctlUnlessTheLastFrameFailed) {
   QEL_REQUIRE_SANDBOX();
   RunInSandbox([] {
+    SyslogCapture syslog;
     const std::string image = PartitionImage();
     struct {
-      const char* range;
-      size_t at, size;
-    } reads[] = {{"2 3", 512, 768}, {"510 1", 510 * 256, 256},  // the last
-                 {"0 511", 0, 511 * 256}};                      // the longest
-    for (const auto& r : reads) {
-      const RpmbRun run = ProbeRead(image, r.range);
-      EXPECT_EQ(run.out, "0 " + std::to_string(r.size) + "\n");
-      EXPECT_EQ(run.err, "");
-      EXPECT_TRUE(run.data == image.substr(r.at, r.size)) << r.range;
+      const char *range, *results;
+      size_t at, size;                // a failure: its result code and 0
+      const char* failure = nullptr;  // nullptr: read
+    } cases[] = {
+        {"2 3", "", 512, 768}, {"510 1", "", 510 * 256, 256},  // the last
+        {"0 511", "", 0, 511 * 256},                          // the longest
+        {"1 3", "0x0080", 256, 768}, {"1 3", "5,7,0", 256, 768},
+        {"1 3", "0x0085", 5, 0, "Write failure"},
+        {"1 3", "4", 4, 0, "Address failure"},
+        {"1 3", "0,0,6", 6, 0, "Read failure"},
+        {"1 3", "0x00FF", 127, 0, "Unknown"},
+    };
+    for (const auto& c : cases) {
+      SCOPED_TRACE(std::string(c.range) + " " + c.results);
+      const RpmbRun run =
+          ProbeRead(image, c.range, std::string("QEL_RPMB_RESULTS=") + c.results);
+      const std::string message = c.failure ? Internal(c.failure) : "";
+      EXPECT_EQ(run.out, c.failure ? std::to_string(c.at) + " 0\n"
+                                   : "0 " + std::to_string(c.size) + "\n");
+      EXPECT_EQ(run.err, message);
+      EXPECT_EQ(Logged(syslog, c.failure ? 1 : 0), c.failure ? E(message) : "");
+      if (!c.failure) {
+        EXPECT_TRUE(run.data == image.substr(c.at, c.size));
+      }
     }
   });
 }
@@ -145,41 +163,7 @@ TEST(RpmbReader, MmcUtilsReadsTheSameBytesFromTheEmulator) {
     const RpmbRun mmc =
         RunOnRpmb(image, "mmc rpmb read-block /dev/mmcblk0rpmb 0x1FB 4 $D");
     EXPECT_EQ(mmc.err, "");
-    const RpmbRun run = ProbeRead(image, "0x1FB 4");
-    EXPECT_EQ(run.out, "0 1024\n");
-    EXPECT_TRUE(run.data == image.substr(0x1FB * 256, 1024));
-    EXPECT_TRUE(mmc.data == run.data);
-  });
-}
-
-TEST(RpmbReader, OnlyTheMaskedResultOfTheLastFrameCounts) {
-  QEL_REQUIRE_SANDBOX();
-  RunInSandbox([] {
-    SyslogCapture syslog;
-    struct {
-      const char* results;
-      const char* out;
-      const char* text;  // nullptr: read
-    } cases[] = {
-        {"0x0080", "0 768\n", nullptr},  // write counter expired, read OK
-        {"5,7,0", "0 768\n", nullptr},   // failures in earlier frames only
-        {"0x0085", "5 0\n", "Write failure"},
-        {"4", "4 0\n", "Address failure"},
-        {"0,0,6", "6 0\n", "Read failure"},
-        {"0x00FF", "127 0\n", "Unknown"},
-    };
-    const std::string image = PartitionImage();
-    for (const auto& c : cases) {
-      const RpmbRun run =
-          ProbeRead(image, "1 3", std::string("QEL_RPMB_RESULTS=") + c.results);
-      EXPECT_EQ(run.out, c.out) << c.results;
-      const std::string message = c.text ? Internal(c.text) : "";
-      EXPECT_EQ(run.err, message) << c.results;
-      EXPECT_EQ(Logged(syslog, c.text ? 1 : 0), c.text ? E(message) : "");
-      if (!c.text) {
-        EXPECT_TRUE(run.data == image.substr(256, 768));
-      }
-    }
+    EXPECT_TRUE(mmc.data == image.substr(0x1FB * 256, 1024));
   });
 }
 
@@ -222,20 +206,11 @@ TEST(HardwareId, RecordInBlockZero) {
     }
     // The record reader's own call empties the caller's stale ID.
     EXPECT_EQ(RunOnRpmb("", "\"$PROBE\" hwid").out, "2 []\n");
-  });
-}
-
-TEST(HardwareId, NoHwidFlagInTheFirst383BytesOfTheCommandLine) {
-  QEL_REQUIRE_SANDBOX();
-  RunInSandbox([] {
-    const std::pair<std::string, bool> cases[] = {
-        {"console=ttyS0 opt=xNOHWIDy\n", true},
-        {"console=ttyS0 nohwid NOHWI D\n", false},
-        {std::string(377, 'a') + "NOHWID\n", true},   // ends at byte 383
-        {std::string(378, 'a') + "NOHWID\n", false},  // its "D" is byte 384
-    };
-    for (const auto& c : cases) {
-      ASSERT_TRUE(MountFile("/proc/cmdline", c.first));
+    // The NOHWID flag: anywhere, even inside a word, in the command line's
+    // first 383 bytes (their limit is the command line reader's).
+    for (const auto& c : {std::make_pair("quiet opt=xNOHWIDy\n", true),
+                          {"quiet nohwid NOHWI D\n", false}}) {
+      ASSERT_EQ(MountFile("/proc/cmdline", c.first), "");
       EXPECT_EQ(qel_util::system::hasFlagNOHWID(), c.second) << c.first;
     }
   });

@@ -33,7 +33,7 @@ TEST(KernelCmdline, KeepsTheFirst383BytesUpToAZeroByte) {
                                {exact + "\n", exact + "\n"},
                                {y383 + "\n", y383},
                                {std::string("a=1\0b=2\n", 8), "a=1"}}) {
-      ASSERT_TRUE(MountFile("/proc/cmdline", c.first));
+      ASSERT_EQ(MountFile("/proc/cmdline", c.first), "");
       EXPECT_EQ(ReadKernelCmdline(), c.second);
     }
   });
@@ -48,7 +48,7 @@ TEST(Exec, CapturesOutputsExactly) {
         std::string("ab\0cd\n", 6) + std::string(10, 'A') + '\0' +
         std::string(116, 'B') + std::string(73, 'C') +
         std::string("\n\0", 2) + std::string(20, 'D') + "\nend";
-    ASSERT_TRUE(WriteFile("/mnt/big", big) && WriteFile("/mnt/zeros", zeros));
+    ASSERT_EQ(WriteFile("/mnt/big", big) + WriteFile("/mnt/zeros", zeros), "");
     const std::string line(300, 'z');
     for (const auto& c : Cases{
              {"cat /mnt/big", big},

@@ -1,7 +1,6 @@
 #include <signal.h>
 #include <sys/mman.h>
 #include <sys/sem.h>
-#include <sys/wait.h>
 #include <unistd.h>
 #include <string>
 #include <gtest/gtest.h>
@@ -38,11 +37,7 @@ TEST(SysVSemaphoreMutex, ExcludesOtherProcesses) {
       }
       _exit(0);
     }
-    for (pid_t child : children) {
-      int status = -1;
-      ASSERT_EQ(waitpid(child, &status, 0), child);
-      EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
-    }
+    for (pid_t child : children) EXPECT_EQ(qel_test::Reap(child), 0);
     EXPECT_EQ(shared->overlaps, 0);
     EXPECT_EQ(shared->total, 3 * 40);
     munmap(memory, sizeof(Shared));
@@ -61,16 +56,15 @@ TEST(SysVSemaphoreMutex, TimeoutsInvalidWaitsAndAKilledHoldersUndo) {
       if (held.Lock()) for (;;) pause();
       _exit(1);
     }
-    for (int i = 0; i < 10000 && mutex.GetValue() != 0; ++i) usleep(1000);
-    ASSERT_EQ(mutex.GetValue(), 0) << "the holder did not lock";
+    ASSERT_TRUE(qel_test::Eventually([&] { return mutex.GetValue() == 0; }))
+        << "the holder did not lock";
     EXPECT_FALSE(mutex.Lock(0, 0));
     EXPECT_TRUE(mutex.TimedOut());
     EXPECT_FALSE(mutex.Lock(0, 1000000000));
     EXPECT_FALSE(mutex.TimedOut());
     EXPECT_EQ(err.Text(), "cSysVSemaphoreMutex::Lock: semop: Invalid argument\n");
-    int status = 0;
     kill(holder, SIGKILL);
-    ASSERT_EQ(waitpid(holder, &status, 0), holder);
+    ASSERT_EQ(qel_test::Reap(holder), 128 + SIGKILL);
     EXPECT_TRUE(mutex.Lock(0, 0));
     EXPECT_FALSE(mutex.TimedOut());
     EXPECT_TRUE(mutex.Unlock());

@@ -13,11 +13,8 @@
 namespace qel_util {
 namespace {
 
-void InPrivateNames(const std::function<void()>& body) {
-  qel_test::SandboxOptions options;
-  options.network = true;
-  qel_test::RunInSandbox(body, options);
-}
+// Abstract socket names belong to the network namespace: a private one.
+void InPrivateNames(const std::function<void()>& body) { qel_test::RunInSandbox(body, {true}); }
 
 int Send(UdpSocket& socket, const std::string& text) {
   return socket.Write(reinterpret_cast<const unsigned char*>(text.data()), unsigned(text.size()));
@@ -82,8 +79,8 @@ TEST(UdpServer, ExchangesDatagramsWithAPythonPeer) {
   QEL_REQUIRE_SANDBOX();
   QEL_REQUIRE_HOST_PROGRAM("python3", "python3");
   InPrivateNames([] {
-    const std::string script = qel_test::ScratchPath("peer.py");
-    ASSERT_TRUE(qel_test::WriteFile(script, R"(
+    const std::string script = "/mnt/peer.py";
+    ASSERT_EQ(qel_test::WriteFile(script, R"(
 import socket
 full = lambda name: (b'\0' + name).ljust(108, b'\0')
 peer = socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM)
@@ -92,7 +89,7 @@ peer.settimeout(10)
 peer.sendto(b'ping from python', full(b'qel-service'))
 data, sender = peer.recvfrom(200)
 print(data.decode(), sender == full(b'qel-service'))
-)"));
+)"), "");
     UdpServer server("@qel-service");
     ASSERT_EQ(server.Init(), 0);
     FILE* python = popen(("python3 " + script).c_str(), "r");

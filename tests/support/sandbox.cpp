@@ -6,6 +6,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 #include <cerrno>
+#include <csignal>
 #include <cstring>
 
 #include "devsim/network.h"
@@ -22,12 +23,6 @@ std::string PrepareFileSystem() {
   for (const char* dir : {"/mnt", "/run", "/home"})
     if (why.empty()) why = qel_devsim::MountTmpfs(dir);
   return why.empty() ? qel_devsim::PrivateDev() : why;
-}
-
-// The verdict of a setup step; a failure fails the test.
-bool Check(const std::string& why) {
-  if (!why.empty()) ADD_FAILURE() << why;
-  return why.empty();
 }
 
 int WaitForExit(pid_t pid) {
@@ -55,13 +50,7 @@ int WaitForExit(pid_t pid) {
     _exit(kSetupFailedStatus);
   }
   const std::string before = OpenDescriptors();
-  try {
-    body();
-  } catch (const std::exception& e) {
-    ADD_FAILURE() << "the sandboxed body threw: " << e.what();
-  } catch (...) {
-    ADD_FAILURE() << "the sandboxed body threw";
-  }
+  body();  // one that throws dies by std::terminate, which names what
   EXPECT_EQ(before, OpenDescriptors()) << "descriptors leaked in the sandbox";
   std::fflush(nullptr);
   _exit(testing::Test::HasFailure() ? 1
@@ -110,28 +99,21 @@ void RunInSandbox(const std::function<void()>& body, SandboxOptions options) {
       << "the sandboxed body failed (its messages are above)";
 }
 
-std::string ScratchPath(const std::string& name) { return "/mnt/" + name; }
-
-bool WriteFile(const std::string& path, const std::string& content,
-               unsigned mode) {
-  return Check(qel_devsim::WriteFile(path, content, mode));
+int Reap(pid_t pid) {
+  int status = 0;
+  pid_t done = 0;
+  for (int i = 0; pid > 0 && i < 1000 && (done = waitpid(pid, &status, WNOHANG)) == 0; ++i)
+    usleep(10000);
+  if (done == 0) {
+    if (pid > 0 && kill(pid, SIGKILL) == 0) ADD_FAILURE() << "process " << pid << " hung";
+    done = waitpid(pid, &status, 0);
+  }
+  return done < 0 ? -1 : WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
 }
 
-bool MakeDirs(const std::string& path, unsigned mode) {
-  return Check(qel_devsim::MakeDirs(path, mode));
-}
-
-bool MountTmpfs(const std::string& dir) {
-  return Check(qel_devsim::MountTmpfs(dir));
-}
-
-bool MountFile(const std::string& target, const std::string& content,
-               unsigned mode) {
-  return Check(qel_devsim::PlaceFile("/mnt", target, content, mode));
-}
-
-bool MountScript(const std::string& target, const std::string& script) {
-  return Check(qel_devsim::PlaceScript("/mnt", target, script));
+bool Eventually(const std::function<bool()>& done) {
+  for (int i = 0; i < 500 && !done(); ++i) usleep(10000);
+  return done();
 }
 
 std::string OpenDescriptors() {

@@ -4,11 +4,12 @@
 // Runs a test body in a forked child inside the sandbox of qel-devsim
 // (tools/devsim/sandbox.h): private mount and IPC namespaces (inside a user
 // namespace when not root), a private "/dev" ("/dev/log" is free), and empty
-// tmpfs on "/run", "/mnt" (scratch) and "/home". The helpers below fail the
-// calling test on error.
+// tmpfs on "/run", "/mnt" (scratch) and "/home".
 
 #include <functional>
 #include <string>
+
+#include <sys/types.h>
 #include <gtest/gtest.h>
 
 #include "devsim/sandbox.h"
@@ -30,27 +31,37 @@ const std::string& SandboxUnavailable();
                    << ::qel_test::SandboxUnavailable();                  \
   } while (0)
 
-// Fails the calling test when the body failed, threw, leaked a descriptor or
-// died; a skip inside skips it.
+// Fails the calling test when the body failed, leaked a descriptor or died
+// (by an exception too); a skip inside skips it.
 void RunInSandbox(const std::function<void()>& body,
                   SandboxOptions options = {});
 
+// The tools' file helpers: each gives "" or what failed, for an
+// ASSERT_EQ(..., "") to show. "/mnt" holds what MountFile lays over a path.
+using qel_devsim::MakeDirs;
+using qel_devsim::MountTmpfs;
 using qel_devsim::ReadFile;
 using qel_devsim::Shell;
-
-std::string ScratchPath(const std::string& name);  // "/mnt/<name>"
-bool WriteFile(const std::string& path, const std::string& content,
-               unsigned mode = 0644);
-bool MakeDirs(const std::string& path, unsigned mode = 0755);
-bool MountTmpfs(const std::string& dir);
-// Binds a scratch file over `target`; a missing one is created, under an
-// overlay when on the host's file systems.
-bool MountFile(const std::string& target, const std::string& content,
-               unsigned mode = 0644);
-bool MountScript(const std::string& target, const std::string& script);
+using qel_devsim::WriteFile;
+inline std::string MountFile(const std::string& target, const std::string& content,
+                             unsigned mode = 0644) {
+  return qel_devsim::PlaceFile("/mnt", target, content, mode);
+}
+inline std::string MountScript(const std::string& target, const std::string& script) {
+  return qel_devsim::PlaceScript("/mnt", target, script);
+}
 
 // Descriptors open in this process, as "number -> target" lines.
 std::string OpenDescriptors();
+
+// Exit status of child `pid` (of any child for -1); 128 + signal when killed.
+// A process still there after ten seconds is hung: it is killed (137).
+int Reap(pid_t pid = -1);
+
+// Whether `done()` came true within five seconds (what takes a moment, a
+// thread leaving /proc or a daemon writing its file, takes longer under
+// qemu-user).
+bool Eventually(const std::function<bool()>& done);
 
 }  // namespace qel_test
 

@@ -10,6 +10,8 @@
 #include <string>
 #include <gtest/gtest.h>
 
+#include "devsim/sandbox.h"
+
 namespace qel_test {
 
 // Sends descriptor 2 to an in-memory file while it lives, so a test sees the
@@ -32,11 +34,7 @@ class StderrCapture {
 
   std::string Text() {  // everything written since the capture began
     std::fflush(stderr);
-    std::string text;
-    char chunk[512];
-    for (ssize_t n; (n = pread(m_file, chunk, sizeof chunk, text.size())) > 0;)
-      text.append(chunk, static_cast<size_t>(n));
-    return text;
+    return qel_devsim::ReadFile("/proc/self/fd/" + std::to_string(m_file));
   }
 
  private:
