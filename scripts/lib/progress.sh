@@ -32,12 +32,15 @@ step() {
 as_root=()
 [ "$(id -u)" -eq 0 ] || as_root=(sudo)
 export DEBIAN_FRONTEND=noninteractive
+# Two scripts run side by side (a build beside a packaging check) wait for
+# each other's apt rather than fail on its lock.
+apt_wait=(-o DPkg::Lock::Timeout=900)
 
 # update_lists: apt-get update. A failing index (one mirror in the middle of
 # a sync, say) does not stop the run: an install that follows fails if a
 # package really cannot be had.
 update_lists() {
-  step "updating the package lists" "${as_root[@]}" apt-get update ||
+  step "updating the package lists" "${as_root[@]}" apt-get "${apt_wait[@]}" update ||
     note "some package lists could not be updated; going on with those at hand"
 }
 
@@ -51,7 +54,7 @@ quiet_install() {
   [ ${#missing[@]} -eq 0 ] && return 0
   update_lists
   step "installing ${#missing[@]} packages: ${missing[*]}" \
-    "${as_root[@]}" apt-get install -y --no-install-recommends "${missing[@]}"
+    "${as_root[@]}" apt-get "${apt_wait[@]}" install -y --no-install-recommends "${missing[@]}"
 }
 
 # build_tree SOURCE DIR [CMAKE-ARGUMENT...]: configures and builds, one line
