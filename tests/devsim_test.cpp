@@ -56,6 +56,17 @@ struct Row {
   std::vector<const char*> shown;  // each in the output
 };
 
+template <size_t N>
+void ExpectRows(const Row (&rows)[N]) {
+  for (const Row& row : rows) {
+    std::string out;
+    EXPECT_EQ(Simulate(row.options, row.command, &out), row.status)
+        << row.options << " -- " << row.command << "\n" << out;
+    for (const char* text : row.shown)
+      EXPECT_NE(out.find(text), std::string::npos) << row.options << "\n" << out;
+  }
+}
+
 TEST_F(Devsim, EachOptionGivesTheLibraryItsAnswer) {
   const std::string hostCmdline = ReadFile("/proc/cmdline");
   const char kScript[] = "/usr/bin/ubi_get_volume_versions.sh";
@@ -96,13 +107,7 @@ TEST_F(Devsim, EachOptionGivesTheLibraryItsAnswer) {
        {"/dev 64M\n/dev/shm 64M\n/var/run 16M\n/home/root/log 64M\n"}},
       {"--hwid $(printf %0246d 7)", "$DEVINFO", 0, {"0000007 (error 0)"}},
   };
-  for (const Row& row : rows) {
-    std::string out;
-    EXPECT_EQ(Simulate(row.options, row.command, &out), row.status)
-        << row.options << " -- " << row.command << "\n" << out;
-    for (const char* text : row.shown)
-      EXPECT_NE(out.find(text), std::string::npos) << row.options << "\n" << out;
-  }
+  ExpectRows(rows);
   EXPECT_EQ(ReadFile("/proc/cmdline"), hostCmdline);
   EXPECT_EQ(access(kScript, F_OK), hostScript);
   // A partition image of the user's; the run lasts as long as a process
@@ -149,13 +154,7 @@ TEST_F(Devsim, RefusesMisleadingInputsAndLeavesNothingBehind) {
       // The user's own environment file keeps its owner and mode.
       {"--env $DIR/other.env", "$PROBE setasn B987654321", 0, {"1\n"}},
   };
-  for (const Row& row : rows) {
-    std::string out;
-    EXPECT_EQ(Simulate(row.options, row.command, &out), row.status)
-        << row.options << " -- " << row.command << "\n" << out;
-    for (const char* text : row.shown)
-      EXPECT_NE(out.find(text), std::string::npos) << row.options << "\n" << out;
-  }
+  ExpectRows(rows);
   ASSERT_EQ(Shell(nodes, &after), 0);
   EXPECT_EQ(after, before);
   EXPECT_EQ(Shell("cd $DIR && ls elsewhere k3 && ! test -e new", &after), 0);
