@@ -8,7 +8,8 @@
 #       Any other program must exit 0.
 #   run-snippets.sh TEST sh QEL-DEVSIM SOURCE-ROOT DOC N
 #       the N-th ```sh block of DOC, run by bash -e from the source root with
-#       $QEL_SNIPPET_PATH before PATH.
+#       $QEL_SNIPPET_PATH before PATH; a block that starts qel-devsim itself
+#       is run as it stands.
 #   run-snippets.sh TEST run-by SOURCE-ROOT DOC N PATH
 #       the N-th ```sh block of DOC is run by the project file PATH: PATH
 #       must hold each of its command lines (comments aside), or name DOC.
@@ -81,6 +82,12 @@ devsim=$1
 shift
 if [ -n "${QEL_EMULATOR:-}" ]; then
   skip "qel-devsim of this build runs on the device, not here"
+fi
+# A block that starts qel-devsim itself has its simulated device from it;
+# run inside another one, the simulator does not nest cleanly.
+if [ "$mode" = sh ] && block "$1/$2" "$3" | grep -Eq '(^|[;&|(]|\$\()[[:space:]]*qel-devsim([[:space:]]|$)'; then
+  run_block "$@"
+  exit
 fi
 status=0
 "$devsim" -- bash "$0" "$test" "--inside-$mode" "$@" || status=$?
