@@ -40,7 +40,7 @@ build_tree . build-systemd -DCMAKE_BUILD_TYPE=RelWithDebInfo \
   -DQEL_UTIL_INSTALL_EXAMPLES=ON -DCMAKE_INSTALL_PREFIX=/usr
 
 root=$(mktemp -d /var/tmp/qel-systemd-root.XXXXXX)
-trap 'rm -rf --one-file-system "$root"' EXIT
+trap 'rm -rf --one-file-system "$root" "$root.log"' EXIT
 tar -xf "$image" -C "$root"
 for component in runtime examples; do
   DESTDIR=$root cmake --install build-systemd --component $component >/dev/null
@@ -169,7 +169,11 @@ chmod 755 "$root/usr/local/sbin/qel-systemd-checks"
 note "booting systemd in a container"
 status=0
 timeout --kill-after=10 600 systemd-nspawn --quiet --boot --register=no \
-  --keep-unit --directory="$root" </dev/null >/dev/null 2>&1 || status=$?
+  --keep-unit --directory="$root" </dev/null >"$root.log" 2>&1 || status=$?
 cat "$root/var/log/qel-systemd-checks.log" 2>/dev/null || echo "the checks did not run"
-[ "$status" -eq 0 ] || { echo "systemd checks failed ($status)" >&2; exit 1; }
+if [ "$status" -ne 0 ]; then
+  echo "systemd checks failed ($status); the container said:" >&2
+  cat "$root.log" >&2
+  exit 1
+fi
 note "systemd checks passed"

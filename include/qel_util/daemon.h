@@ -59,7 +59,9 @@ class QEL_UTIL_EXPORT Daemon {
   /// reports there (a path, or an abstract socket name written with a
   /// leading '@'); Init takes it over together with $WATCHDOG_USEC and
   /// $WATCHDOG_PID and removes all three from the environment, so that no
-  /// child the service starts reports in its stead. See daemonize and Run.
+  /// child the service starts reports in its stead. A $NOTIFY_SOCKET of any
+  /// other form is removed as well and names no manager. See daemonize and
+  /// Run.
   /// \return Always 0.
   int Init(int& argc, char**& argv);
   /// Calls Process while the running flag is up, then logs "exit <pid>" and
