@@ -361,8 +361,10 @@ TEST(Daemon, ChecksAndWritesThePidFileAsOneStep) {
     int directory = open("/var/run", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
     ASSERT_EQ(flock(directory, LOCK_EX), 0);
     unlink(kOutput);
-    EXPECT_EQ(Reap(Launch({"daemonize", "run"})), 0);
-    EXPECT_TRUE(Eventually([] { return WaitsForLockOn("/var/run"); }));
+    EXPECT_EQ(Reap(Launch({"daemonize", "report", "run"})), 0);
+    const bool waited = Eventually([] { return WaitsForLockOn("/var/run"); });
+    EXPECT_TRUE(waited) << "the daemon went past the check without the lock";
+    if (!waited) kill(std::atoi(WaitFor("/mnt/report").c_str() + 4), SIGTERM);
     WriteFile(kPidFile, self + "\n");
     close(directory);
     EXPECT_EQ(Reap(), 1);
