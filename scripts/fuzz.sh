@@ -9,7 +9,8 @@ source scripts/lib/progress.sh
 bash scripts/install-deps.sh
 
 seconds=${1:-30}
-fuzzers=(barcode_fuzzer key_value_fuzzer)
+fuzzers=(barcode_fuzzer key_value_fuzzer syslog_line_fuzzer text_reader_fuzzer
+         neighbour_fuzzer device_id_fuzzer)
 
 step "configuring build-fuzz" env CC=clang CXX=clang++ \
   cmake -S . -B build-fuzz -DCMAKE_BUILD_TYPE=RelWithDebInfo -DQEL_UTIL_BUILD_EXAMPLES=OFF

@@ -46,6 +46,11 @@ bool SetBarcodeASN(const std::string& asn) {
   const std::string trimmed = TrimSpace(asn);
   if (trimmed.size() < kMinAsnLength || trimmed.size() > kMaxAsnLength)
     return false;
+  // The barcode lands on the next boot's kernel command line: a blank would
+  // end the parameter there and hand the rest to the kernel as parameters of
+  // its own, and a control character has no place in a printed label.
+  for (unsigned char c : trimmed)
+    if (c <= ' ' || c == 0x7f) return false;
   std::string barcode;
   ParseBarcodeASN(nullptr, trimmed, barcode);
   if (barcode.empty()) return false;
@@ -56,8 +61,7 @@ bool SetBarcodeASN(const std::string& asn) {
   if (barcode.find_first_of(std::string("'\0", 2)) != std::string::npos)
     return false;
 
-  const std::string command = std::string("/sbin/fw_") + "set" + "env " +
-                              "barcode '" + barcode + "'";
+  const std::string command = "/sbin/fw_setenv barcode '" + barcode + "'";
   std::string output;
   {
     BootPartitionWritable writable;

@@ -105,7 +105,7 @@ TEST(SetBarcodeASN, StoresWhenTheToolSaysOKWithTheSwitchReleased) {
     EXPECT_EQ(ReadFile("/mnt/fw_setenv.switch"), "0");
     EXPECT_EQ(ReadFile(kSwitch), "1");
     EXPECT_EQ(Stored(), kNew + "\n");
-    const std::string asn = "$(touch /mnt/x);\"`id`\" *";
+    const std::string asn = "$(touch${IFS}/mnt/x);\"`id`\"*";
     EXPECT_TRUE(SetBarcodeASN(asn));
     EXPECT_EQ(Stored(), "ASN=" + asn + ",BREV=R02\n");
     EXPECT_NE(access("/mnt/x", F_OK), 0);
@@ -126,7 +126,12 @@ TEST(SetBarcodeASN, RefusesOrThrowsLeavingTheSwitchSet) {
     SetUpDevice(std::string("barcode=") + kRaw + " quiet\n");
     for (const std::string& asn : {std::string(" B98765432 "), kC31,
                                    std::string("B9876543'; touch /mnt/x; '"),
-                                   std::string("B9876\0" "54321", 11)})
+                                   std::string("B9876\0" "54321", 11),
+                                   std::string("A12 NOHWID init=/bin/sh"),
+                                   std::string("B9876\t54321"),
+                                   std::string("B98765\n4321"),
+                                   std::string("B9876\x1b" "54321"),
+                                   std::string("B9876\x7f" "54321")})
       EXPECT_FALSE(SetBarcodeASN(asn)) << asn;
     ASSERT_EQ(MountFile("/proc/cmdline", "barcode=ASN=A1,BREV=it's\n"), "");
     EXPECT_FALSE(SetBarcodeASN("B987654321"));

@@ -166,8 +166,10 @@ QEL_UTIL_EXPORT std::string GetBarcodeASN(int* keyNumber);
 /// the environment.
 /// \return true when the tool's output holds "OK" (its exit status says
 /// nothing on the device). false, with nothing run and the switch
-/// untouched, for an ASN not 10 to 30 characters long after trimming and
-/// for a barcode holding a single quote or a NUL (from the new ASN or the
+/// untouched, for an ASN not 10 to 30 characters long after trimming, for
+/// an ASN still holding white space or a control character after trimming
+/// (it would add parameters to the next boot's kernel command line), for a
+/// barcode holding a single quote or a NUL (from the new ASN or the
 /// kernel's barcode), which would break out of the shell command, and when
 /// a keyed barcode has no "=" behind its "ASN".
 /// \throws std::runtime_error as exec.

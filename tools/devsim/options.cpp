@@ -2,24 +2,48 @@
 
 #include <getopt.h>
 
+#include <algorithm>
 #include <cstdlib>
 
 #include "device_files.h"
 
 namespace qel_devsim {
+namespace {
+
+// "HWID=" and the ID fill the record's 252 bytes behind its CRC, less the
+// last one, where the reader ends the text.
+constexpr size_t kMaxHwid = 252 - 5 - 1;
+
+// Numbers as I2cAdapter names its devices ("/dev/i2c-%u", nine digits at
+// most): "07" or "" would be a bus that no program can open.
+bool IsBusList(const std::string& list) {
+  for (size_t at = 0; at < list.size();) {
+    const size_t comma = std::min(list.find(',', at), list.size());
+    const std::string bus = list.substr(at, comma - at);
+    if (bus.empty() || bus.size() > 9 || (bus[0] == '0' && bus.size() > 1) ||
+        bus.find_first_not_of("0123456789") != std::string::npos)
+      return false;
+    at = comma + 1;
+    if (at == list.size()) return false;  // a trailing comma
+  }
+  return true;
+}
+
+}  // namespace
 
 const char kUsage[] =
     "usage: qel-devsim [OPTION...] [--] PROGRAM [ARG...]\n"
-    "Runs PROGRAM as if on the device, in private namespaces; nothing on the\n"
-    "host changes. The exit status is PROGRAM's (125: the simulator failed,\n"
-    "126: PROGRAM cannot run, 127: not found).\n"
+    "Runs PROGRAM as if on the device, in private namespaces (no sandbox: as\n"
+    "root, PROGRAM keeps root's power over the host's files). The exit status\n"
+    "is PROGRAM's (125: the simulator failed, 126: PROGRAM cannot run, 127:\n"
+    "not found). A second SIGINT or SIGTERM kills PROGRAM.\n"
     "  --barcode TEXT     barcode= on the kernel command line of a fresh\n"
     "                     boot-loader environment ('' for none)\n"
     "  --nohwid           NOHWID on the kernel command line\n"
     "  --cmdline TEXT     the whole kernel command line instead\n"
     "  --serial HEX       serial number: last 12 hex digits of the eMMC CID\n"
     "  --cid HEX          the whole CID register (32 hex digits)\n"
-    "  --hwid TEXT        hardware ID in the RPMB record of block 0\n"
+    "  --hwid TEXT        hardware ID in the RPMB record of block 0 (<= 246 bytes)\n"
     "  --rpmb-image FILE  RPMB contents: 256 data bytes per block\n"
     "  --rpmb-result N    device result of every RPMB read (7: no key)\n"
     "  --fw-version TEXT  what the firmware version script prints\n"
@@ -63,7 +87,11 @@ std::string ParseOptions(int argc, char** argv, Options* o) {
         if (!IsHex(arg, 32)) return "--cid wants 32 hex digits";
         o->cid = arg + "\n";
         break;
-      case kHwid: o->hwid = arg; break;
+      case kHwid:
+        if (arg.size() > kMaxHwid)
+          return "--hwid wants at most " + std::to_string(kMaxHwid) + " bytes";
+        o->hwid = arg;
+        break;
       case kImage: o->rpmbImage = arg; break;
       case kResult: {
         char* end = nullptr;
@@ -75,8 +103,9 @@ std::string ParseOptions(int argc, char** argv, Options* o) {
       }
       case kFirmware: o->firmware = arg; break;
       case kI2c:
-        if (arg.find_first_not_of("0123456789,") != std::string::npos)
-          return "--i2c wants bus numbers separated by commas";
+        if (!IsBusList(arg))
+          return "--i2c wants bus numbers from 0 to 999999999 (no leading"
+                 " zeros) separated by commas";
         o->i2c = arg;
         break;
       case kNeighbour: {

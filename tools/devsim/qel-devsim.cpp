@@ -1,9 +1,10 @@
 // qel-devsim: runs a program as if on the device. In private namespaces the
 // kernel command line, the eMMC CID, the RPMB hardware-ID record, the
 // firmware version script, I2C buses, the boot-loader environment, a bridged
-// network and /dev/log are what the device would give; nothing on the host
-// changes. See qel-devsim(1).
+// network and /dev/log are what the device would give, without changing the
+// host. It is no sandbox for a program run as root. See qel-devsim(1).
 
+#include <fcntl.h>
 #include <poll.h>
 #include <sys/mount.h>
 #include <sys/prctl.h>
@@ -26,6 +27,7 @@
 #include "program.h"
 #include "sandbox.h"
 #include "syslog_listener.h"
+#include "user_paths.h"
 
 namespace qel_devsim {
 namespace {
@@ -38,22 +40,37 @@ int StatusOf(int wait) {
   return WIFEXITED(wait) ? WEXITSTATUS(wait) : 128 + WTERMSIG(wait);
 }
 
+// The signals that stop a run: the first ends the program with SIGTERM, a
+// second with SIGKILL.
+constexpr int kStopSignals[] = {SIGINT, SIGTERM, SIGHUP};
+
+sigset_t StopSignals() {
+  sigset_t set;
+  sigemptyset(&set);
+  for (int s : kStopSignals) sigaddset(&set, s);
+  return set;
+}
+
 struct Run {
   Options options;
+  sigset_t mask;             // the caller's, for the program
+  KeptDirs kept;             // --keep's folders, held open
   std::string program;       // absolute path
   std::string nativeLibs;    // emulators of this machine
   std::string armhfLibs;     // "" unless the program is armhf
   FILE* syslogFile = nullptr;
+  bool syslogMade = false;   // the file is new
 };
 
-// An empty directory of our own at `dir`, or `keep` bound there.
-std::string PrivateDir(const std::string& dir, const std::string& keep) {
+// An empty directory of our own at `dir`, or the kept folder `keep` (held
+// open as `held`) bound there.
+std::string PrivateDir(const std::string& dir, const char* options, int held,
+                       const std::string& keep) {
   std::string why;
   struct stat st;
   if (stat(dir.c_str(), &st) != 0)
     why = PlaceFile(kScratch, dir + "/.qel-devsim", "");  // makes the path
-  if (why.empty()) why = keep.empty() ? MountTmpfs(dir) : MakeDirs(keep);
-  if (why.empty() && !keep.empty()) why = Bind(keep, dir);
+  if (why.empty()) why = held < 0 ? MountTmpfs(dir, options) : BindKept(held, keep, dir);
   return why;
 }
 
@@ -85,8 +102,8 @@ std::string SetUpDevice(const Run& run) {
   };
   step(PrivateDev());
   step(MakeDirs(kScratch));
-  step(PrivateDir("/var/run", o.keepDir.empty() ? "" : o.keepDir + "/run"));
-  step(PrivateDir("/home/root/log", o.keepDir.empty() ? "" : o.keepDir + "/log"));
+  step(PrivateDir("/var/run", kRunTmpfs, run.kept.run, o.keepDir + "/run"));
+  step(PrivateDir("/home/root/log", kLogTmpfs, run.kept.log, o.keepDir + "/log"));
   if (!why.empty()) return why;
   sethostname("qel-device", 10);
 
@@ -193,8 +210,10 @@ void ShowSyslog(const Run& run, std::string raw) {
 }
 
 // Pid 1 of the device: sets it up, starts the program, shows its syslog and
-// reaps every process until none is left (daemons included). SIGINT and
-// SIGTERM stop them all.
+// reaps every process until none is left (daemons included). A stop signal
+// ends them all with SIGTERM, a second one with SIGKILL; one that came
+// during set-up (blocked since the tool started) keeps the program from
+// starting at all.
 [[noreturn]] void Init(const Run& run) {
   if (mount("proc", "/proc", "proc", MS_NOSUID | MS_NODEV | MS_NOEXEC, nullptr) != 0) {
     std::fprintf(stderr, "qel-devsim: mounting /proc: %s\n", std::strerror(errno));
@@ -206,15 +225,17 @@ void ShowSyslog(const Run& run, std::string raw) {
     std::fprintf(stderr, "qel-devsim: %s\n", (why.empty() ? syslog.Error() : why).c_str());
     _exit(kSimulatorFailed);
   }
-  sigset_t signals, old;
-  sigemptyset(&signals);
-  for (int s : {SIGCHLD, SIGINT, SIGTERM, SIGHUP}) sigaddset(&signals, s);
-  sigprocmask(SIG_BLOCK, &signals, &old);
+  sigset_t signals = StopSignals(), pending;
+  sigaddset(&signals, SIGCHLD);
+  sigprocmask(SIG_BLOCK, &signals, nullptr);
+  sigpending(&pending);
+  for (int s : kStopSignals)
+    if (sigismember(&pending, s)) _exit(128 + s);
   const int events = signalfd(-1, &signals, SFD_CLOEXEC);
   std::fflush(nullptr);
   const pid_t program = fork();
-  if (program == 0) ExecProgram(run, old);
-  int status = kSimulatorFailed;
+  if (program == 0) ExecProgram(run, run.mask);
+  int status = kSimulatorFailed, stops = 0;
   for (bool children = program > 0; children;) {
     pollfd ready[] = {{syslog.Fd(), POLLIN, 0}, {events, POLLIN, 0}};
     poll(ready, 2, -1);
@@ -222,7 +243,7 @@ void ShowSyslog(const Run& run, std::string raw) {
       ShowSyslog(run, line);
     signalfd_siginfo info;
     if (!(ready[1].revents & POLLIN) || read(events, &info, sizeof info) <= 0) continue;
-    if (info.ssi_signo != SIGCHLD) kill(-1, SIGTERM);
+    if (info.ssi_signo != SIGCHLD) kill(-1, ++stops == 1 ? SIGTERM : SIGKILL);
     int wait = 0;
     for (pid_t pid; (pid = waitpid(-1, &wait, WNOHANG)) != 0;) {
       if (pid < 0) { children = false; break; }
@@ -236,17 +257,41 @@ void ShowSyslog(const Run& run, std::string raw) {
 }
 
 pid_t g_child = 0;
-void Forward(int signal) { if (g_child > 0) kill(g_child, signal); }
+void Forward(int signal) { kill(g_child, signal); }
 
-// Runs `body` in a child, passes SIGINT, SIGTERM and SIGHUP on to it and
-// gives its exit status.
+// Runs `body` in a child, passes the stop signals on to it and gives its
+// exit status. They stay blocked (since the tool started) until the child
+// exists: one that comes meanwhile waits for a handler that has somewhere
+// to send it, and the child inherits no handler at all. The child dies with
+// its parent, so killing the tool, even with SIGKILL, ends the namespaces
+// and everything in them.
 int InChild(void (*body)(const Run&), const Run& run) {
+  int alive[2];
+  if (pipe2(alive, O_CLOEXEC) != 0) return std::perror("qel-devsim: pipe"), kSimulatorFailed;
   std::fflush(nullptr);
   g_child = fork();
-  if (g_child == 0) body(run);
-  if (g_child < 0) return std::perror("qel-devsim: fork"), kSimulatorFailed;
+  if (g_child == 0) {
+    close(alive[1]);
+    // A parent that died before the request leaves the pipe without a writer.
+    pollfd parent{alive[0], POLLIN, 0};
+    if (prctl(PR_SET_PDEATHSIG, SIGKILL) != 0 || poll(&parent, 1, 0) != 0)
+      _exit(kSimulatorFailed);
+    close(alive[0]);
+    body(run);
+  }
+  close(alive[0]);
+  if (g_child < 0) {
+    close(alive[1]);
+    return std::perror("qel-devsim: fork"), kSimulatorFailed;
+  }
+  struct sigaction forward {};
+  forward.sa_handler = Forward;
+  for (int s : kStopSignals) sigaction(s, &forward, nullptr);
+  const sigset_t stop = StopSignals();
+  sigprocmask(SIG_UNBLOCK, &stop, nullptr);
   int status = 0;
   while (waitpid(g_child, &status, 0) < 0 && errno == EINTR) {}
+  close(alive[1]);
   return StatusOf(status);
 }
 
@@ -262,26 +307,20 @@ int InChild(void (*body)(const Run&), const Run& run) {
   _exit(InChild(Init, run));
 }
 
-int Main(int argc, char** argv) {
-  Run run;
-  const std::string problem = ParseOptions(argc, argv, &run.options);
-  if (problem == "help") return std::fputs(kUsage, stdout), 0;
-  if (!problem.empty()) {
-    std::fprintf(stderr, "qel-devsim: %s\n%s", problem.c_str(), kUsage);
-    return kSimulatorFailed;
-  }
+// What the user named must be what it seems before anything is made.
+std::string CheckUserPaths(const Options& o) {
+  std::string why;
+  if (!o.rpmbImage.empty()) why = CheckRegularFile(o.rpmbImage, false);
+  if (why.empty() && !o.envFile.empty()) why = CheckRegularFile(o.envFile, true);
+  if (why.empty() && !o.envFile.empty()) why = CheckPlainPath(o.envFile);
+  if (why.empty() && !o.syslogFile.empty()) why = CheckRegularFile(o.syslogFile, true);
+  return why;
+}
+
+// Before the device: the emulators, qemu-user for an armhf program, the
+// kept folders and the syslog file (whose folder may be a kept one).
+int Prepare(Run& run, std::vector<std::string>* made) {
   Options& o = run.options;
-  run.program = FindProgram(o.program[0]);
-  if (run.program.empty()) {
-    std::fprintf(stderr, "qel-devsim: %s: not found\n", o.program[0].c_str());
-    return kNotFound;
-  }
-  for (std::string* path : {&o.envFile, &o.keepDir, &o.rpmbImage, &o.syslogFile})
-    *path = Absolute(*path);
-  if (!o.rpmbImage.empty() && access(o.rpmbImage.c_str(), R_OK) != 0) {
-    std::fprintf(stderr, "qel-devsim: %s: %s\n", o.rpmbImage.c_str(), std::strerror(errno));
-    return kSimulatorFailed;
-  }
   run.nativeLibs = NativeEmulatorDir();
   if (run.nativeLibs.empty()) {
     std::fprintf(stderr, "qel-devsim: the emulators (%s, %s) are neither beside the"
@@ -304,19 +343,54 @@ int Main(int argc, char** argv) {
       return kSimulatorFailed;
     }
   }
-  if (!o.syslogFile.empty()) {
-    // Its folder may be the --keep one, which only the device makes.
+  std::string why = CheckUserPaths(o);
+  if (why.empty() && !o.keepDir.empty()) why = OpenKeptDirs(o.keepDir, &run.kept, made);
+  if (why.empty() && !o.syslogFile.empty()) {
     const size_t slash = o.syslogFile.rfind('/');
-    const std::string why =
-        slash == std::string::npos || slash == 0 ? "" : MakeDirs(o.syslogFile.substr(0, slash));
-    if (!why.empty() || !(run.syslogFile = std::fopen(o.syslogFile.c_str(), "we"))) {
-      std::fprintf(stderr, "qel-devsim: %s: %s\n", o.syslogFile.c_str(),
-                   why.empty() ? std::strerror(errno) : why.c_str());
-      return kSimulatorFailed;
-    }
+    if (slash != std::string::npos && slash != 0)
+      why = MakeDirs(o.syslogFile.substr(0, slash), 0755, made);
+    run.syslogMade = access(o.syslogFile.c_str(), F_OK) != 0;
+    if (why.empty() && !(run.syslogFile = std::fopen(o.syslogFile.c_str(), "we")))
+      why = o.syslogFile + ": " + std::strerror(errno);
   }
-  for (int s : {SIGINT, SIGTERM, SIGHUP}) std::signal(s, Forward);
-  return InChild(Device, run);
+  if (why.empty()) return 0;
+  std::fprintf(stderr, "qel-devsim: %s\n", why.c_str());
+  return kSimulatorFailed;
+}
+
+int Main(int argc, char** argv) {
+  Run run;
+  // Held from here on (see InChild); the program gets the caller's mask.
+  const sigset_t stop = StopSignals();
+  sigprocmask(SIG_BLOCK, &stop, &run.mask);
+  const std::string problem = ParseOptions(argc, argv, &run.options);
+  if (problem == "help") return std::fputs(kUsage, stdout), 0;
+  if (!problem.empty()) {
+    std::fprintf(stderr, "qel-devsim: %s\n%s", problem.c_str(), kUsage);
+    return kSimulatorFailed;
+  }
+  Options& o = run.options;
+  run.program = FindProgram(o.program[0]);
+  if (run.program.empty()) {
+    std::fprintf(stderr, "qel-devsim: %s: not found\n", o.program[0].c_str());
+    return kNotFound;
+  }
+  for (std::string* path : {&o.envFile, &o.keepDir, &o.rpmbImage, &o.syslogFile})
+    *path = Absolute(*path);
+  std::vector<std::string> made;
+  int status = Prepare(run, &made);
+  if (status == 0) status = InChild(Device, run);
+  // A run that failed leaves no folder of its making; one that ran keeps
+  // what its program wrote (rmdir removes only empty folders).
+  if (status == kSimulatorFailed) {
+    if (run.syslogMade && run.syslogFile && std::ftell(run.syslogFile) == 0) {
+      std::fclose(run.syslogFile);
+      run.syslogFile = nullptr;
+      unlink(o.syslogFile.c_str());
+    }
+    for (auto dir = made.rbegin(); dir != made.rend(); ++dir) rmdir(dir->c_str());
+  }
+  return status;
 }
 
 }  // namespace

@@ -86,7 +86,7 @@ std::string PrivateDev() {
   const int host = open("/dev", O_PATH | O_DIRECTORY | O_CLOEXEC);
   if (host < 0) return Failed("/dev");
   const std::string from = "/proc/self/fd/" + std::to_string(host) + "/";
-  std::string why = MountTmpfs("/dev");
+  std::string why = MountTmpfs("/dev", kDevTmpfs);
   for (std::string node : {"null", "zero", "full", "random", "urandom", "tty",
                            "ptmx"}) {
     close(open(("/dev/" + node).c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0666));
@@ -95,7 +95,7 @@ std::string PrivateDev() {
   mkdir("/dev/pts", 0755);
   Bind(from + "pts", "/dev/pts");  // none in some containers
   mkdir("/dev/shm", 01777);
-  if (why.empty()) why = MountTmpfs("/dev/shm", "mode=1777");
+  if (why.empty()) why = MountTmpfs("/dev/shm", kShmTmpfs);
   close(host);
   const char* links[][2] = {{"", "fd"}, {"/0", "stdin"}, {"/1", "stdout"},
                             {"/2", "stderr"}};
@@ -107,8 +107,19 @@ std::string PrivateDev() {
 
 std::string WriteFile(const std::string& path, const std::string& content,
                       unsigned mode) {
-  int fd = open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, mode);
-  bool ok = fd >= 0 && fchmod(fd, mode) == 0 &&
+  // Only a new file gets `mode`: an existing one may be the user's, and it is
+  // written only when it is a regular file, never a device node or a FIFO
+  // named by mistake (O_NONBLOCK keeps a FIFO from hanging the open).
+  int fd = open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, mode);
+  const bool made = fd >= 0;
+  if (!made && errno == EEXIST)
+    fd = open(path.c_str(), O_WRONLY | O_NONBLOCK | O_CLOEXEC);
+  struct stat st;
+  if (fd >= 0 && (fstat(fd, &st) != 0 || !S_ISREG(st.st_mode))) {
+    close(fd);
+    return "writing " + path + ": not a regular file";
+  }
+  bool ok = fd >= 0 && (!made || fchmod(fd, mode) == 0) && ftruncate(fd, 0) == 0 &&
             write(fd, content.data(), content.size()) == ssize_t(content.size());
   std::string why = ok ? "" : Failed("writing " + path);
   if (fd >= 0) close(fd);
@@ -121,11 +132,15 @@ std::string ReadFile(const std::string& path) {
   return text.str();
 }
 
-std::string MakeDirs(const std::string& path, unsigned mode) {
+std::string MakeDirs(const std::string& path, unsigned mode,
+                     std::vector<std::string>* made) {
   for (size_t slash = path.find('/', 1);; slash = path.find('/', slash + 1)) {
     std::string part = path.substr(0, slash);
-    if (mkdir(part.c_str(), mode) != 0 && errno != EEXIST)
+    if (mkdir(part.c_str(), mode) == 0) {
+      if (made) made->push_back(part);
+    } else if (errno != EEXIST) {
       return Failed("mkdir " + part);
+    }
     if (slash == std::string::npos) return "";
   }
 }

@@ -5,6 +5,7 @@
 // paths. Every function returns "" on success, else what failed and why.
 
 #include <string>
+#include <vector>
 
 namespace qel_devsim {
 
@@ -19,6 +20,14 @@ struct Namespaces {
 // every mount private, so nothing done later reaches the host.
 std::string EnterNamespaces(const Namespaces& namespaces);
 
+// Sizes of the private file systems: a program filling one meets ENOSPC
+// there instead of eating the host's memory. "/dev" also holds the fixtures
+// and the upper layers of every overlay.
+constexpr const char* kDevTmpfs = "mode=0755,size=64m,nr_inodes=16384";
+constexpr const char* kShmTmpfs = "mode=1777,size=64m,nr_inodes=4096";
+constexpr const char* kRunTmpfs = "mode=0755,size=16m,nr_inodes=4096";
+constexpr const char* kLogTmpfs = "mode=0755,size=64m,nr_inodes=4096";
+
 // A tmpfs over `dir`; files placed below it later are written directly.
 std::string MountTmpfs(const std::string& dir, const char* options = "mode=0755");
 std::string Bind(const std::string& from, const std::string& to);
@@ -28,10 +37,14 @@ std::string Bind(const std::string& from, const std::string& to);
 // nodes of our own can be made there.
 std::string PrivateDev();
 
+// A new file gets `mode`; an existing one keeps its own and is written only
+// when it is a regular file.
 std::string WriteFile(const std::string& path, const std::string& content,
                       unsigned mode = 0644);
 std::string ReadFile(const std::string& path);  // "" when unreadable
-std::string MakeDirs(const std::string& path, unsigned mode = 0755);
+// Each missing folder of `path`, outermost first, also listed in `made`.
+std::string MakeDirs(const std::string& path, unsigned mode = 0755,
+                     std::vector<std::string>* made = nullptr);
 
 // Lays `content` at `target`: a file in `scratch` (a private tmpfs) bound
 // over an existing file; a missing one is written where it belongs, under an

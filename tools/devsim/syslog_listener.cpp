@@ -7,24 +7,43 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <cstdlib>
 #include <cstring>
 
 namespace qel_devsim {
 
+namespace {
+
+// The decimal number of at most `digits` digits that fills [begin, end) of
+// `text`, or -1.
+int Number(const std::string& text, size_t begin, size_t end, size_t digits) {
+  if (end <= begin || end - begin > digits || end > text.size()) return -1;
+  int value = 0;
+  for (size_t i = begin; i < end; ++i) {
+    if (text[i] < '0' || text[i] > '9') return -1;
+    value = value * 10 + (text[i] - '0');
+  }
+  return value;
+}
+
+}  // namespace
+
 SyslogLine ParseSyslogLine(const std::string& raw) {
   SyslogLine line;
   line.raw = raw;
-  const size_t tag = raw.find('>') + 1 + 16;  // after the time stamp
+  // The largest priority is local7.debug, 23 * 8 + 7.
+  const size_t close = raw.find('>');
+  const int priority = raw.compare(0, 1, "<") == 0 && close != std::string::npos
+                           ? Number(raw, 1, close, 3) : -1;
+  const size_t tag = close + 1 + 16;  // after the time stamp
   const size_t colon = raw.find(": ", tag);
-  if (raw.compare(0, 1, "<") != 0 || tag > raw.size() ||
-      colon == std::string::npos)
+  if (priority < 0 || priority > 191 || tag > raw.size() || colon == std::string::npos)
     return line;
-  line.priority = std::atoi(raw.c_str() + 1);
+  line.priority = priority;
   line.ident = raw.substr(tag, colon - tag);
   const size_t bracket = line.ident.find('[');
   if (bracket != std::string::npos) {
-    line.pid = std::atoi(line.ident.c_str() + bracket + 1);
+    const int pid = Number(line.ident, bracket + 1, line.ident.size() - 1, 9);
+    if (line.ident.back() == ']' && pid > 0) line.pid = pid;
     line.ident.resize(bracket);
   }
   line.message = raw.substr(colon + 2);

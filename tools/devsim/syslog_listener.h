@@ -15,7 +15,8 @@ struct SyslogLine {
   std::string raw;      // the whole datagram
 };
 
-// "<PRI>Mmm dd hh:mm:ss ident[pid]: message"; priority -1 when not so.
+// "<PRI>Mmm dd hh:mm:ss ident[pid]: message"; priority -1 when not so (PRI
+// is 0 to 191). A "[...]" that holds no pid is dropped from the ident.
 SyslogLine ParseSyslogLine(const std::string& raw);
 
 // A syslog daemon's socket bound at "/dev/log" (of a private /dev).
