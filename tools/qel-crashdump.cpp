@@ -76,7 +76,7 @@ int main(int argc, char** argv) {
       std::fprintf(stderr, "qel-crashdump: %s: %s\n", name.c_str(), std::strerror(errno));
       return 2;
     }
-    options.dumpWritten = status.st_mtime;
+    options.dumpWritten = qel_crashdump::NanosecondsOf(status.st_mtim);
   }
   std::istream& input = name == "-" ? std::cin : file;
   options.debugSearch.folders = debugDirs;

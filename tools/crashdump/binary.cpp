@@ -59,6 +59,10 @@ void FindCallSites(Dwarf_Die* die, Dwarf_Addr target, int* sites, bool* found) {
 
 }  // namespace
 
+std::int64_t NanosecondsOf(const timespec& time) {
+  return static_cast<std::int64_t>(time.tv_sec) * 1000000000 + time.tv_nsec;
+}
+
 std::string Demangle(const std::string& symbol) {
   int status = 0;
   char* readable = abi::__cxa_demangle(symbol.c_str(), nullptr, nullptr, &status);
@@ -81,7 +85,7 @@ Binary::Binary(const std::string& file, const DebugSearch& search) {
     m_error = file + ": " + std::strerror(errno);
     return;
   }
-  m_modified = status.st_mtime;
+  m_modified = NanosecondsOf(status.st_mtim);
   m_dwfl = dwfl_begin(&m_callbacks);
   if (m_dwfl == nullptr) {
     m_error = dwfl_errmsg(-1);

@@ -8,6 +8,7 @@
 #include <sys/types.h>
 
 #include <cstdint>
+#include <ctime>
 #include <string>
 #include <vector>
 
@@ -41,8 +42,8 @@ class Binary {
 
   // Why the file cannot be read; empty when it can.
   const std::string& error() const { return m_error; }
-  // Modification time of the file.
-  time_t modified() const { return m_modified; }
+  // Modification time of the file, in nanoseconds since the epoch.
+  std::int64_t modified() const { return m_modified; }
   // A position-dependent executable loads at its link-time addresses.
   bool fixedAddress() const { return m_fixedAddress; }
   // The GNU build-id in hexadecimal; empty when the file has none.
@@ -71,9 +72,12 @@ class Binary {
   Dwfl* m_dwfl = nullptr;
   Dwfl_Module* m_module = nullptr;
   std::string m_error;
-  time_t m_modified = 0;
+  std::int64_t m_modified = 0;
   bool m_fixedAddress = false;
 };
+
+// A file time as nanoseconds since the epoch.
+std::int64_t NanosecondsOf(const timespec& time);
 
 // The demangled form of a C++ symbol; anything else as it is.
 std::string Demangle(const std::string& symbol);

@@ -108,12 +108,22 @@ std::vector<std::string> Symbolizer::Describe(const std::vector<FrameText>& fram
     loadAddresses[&binary].insert(frame.address - place.address);
   }
 
+  // A binary is the one that crashed, or not: one frame that does not fit
+  // it tells against all its frames in the record.
+  std::set<const Binary*> foreign;
+  for (size_t i = 0; i < frames.size(); ++i) {
+    Placed& place = placed[i];
+    if (place.problem.empty() && place.binary != nullptr)
+      place.problem = Mismatch(*place.binary, place.address, frames[i].address - place.address,
+                               loadAddresses[place.binary].size(), i != fault);
+    if (place.problem.find(kNotTheSame) != std::string::npos) foreign.insert(place.binary);
+  }
+
   std::vector<std::string> lines;
   for (size_t i = 0; i < frames.size(); ++i) {
     Placed& place = placed[i];
-    if (place.problem.empty())
-      place.problem = Mismatch(*place.binary, place.address, frames[i].address - place.address,
-                               loadAddresses[place.binary].size(), i != fault);
+    if (place.problem.empty() && foreign.count(place.binary) != 0)
+      place.problem = "other frames of it do not fit" + std::string(kNotTheSame);
     std::vector<SourceFrame> functions;
     if (place.problem.empty()) {
       functions = place.binary->Describe(i != fault ? place.address - 1 : place.address);

@@ -4,7 +4,7 @@
 #ifndef QEL_CRASHDUMP_SYMBOLIZER_H_
 #define QEL_CRASHDUMP_SYMBOLIZER_H_
 
-#include <ctime>
+#include <cstdint>
 #include <map>
 #include <memory>
 #include <string>
@@ -18,7 +18,7 @@ namespace qel_crashdump {
 struct SymbolizerOptions {
   std::string sysroot;      // the root the dump's absolute paths lie under
   DebugSearch debugSearch;  // where debug information is looked for
-  time_t dumpWritten = 0;   // when the dump was last written; 0 unknown
+  std::int64_t dumpWritten = 0;  // when the dump was last written (ns); 0 unknown
 };
 
 class Symbolizer {
