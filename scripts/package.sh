@@ -35,8 +35,12 @@ fi
 tools=(dpkg-dev debhelper)
 [ ${#cross[@]} -eq 0 ] || tools+=("crossbuild-essential-$arch")
 quiet_install "${tools[@]}"
-step "installing the build dependencies" \
-  $sudo apt-get build-dep -y ${arch_only[@]:+--arch-only} "${cross[@]}" ./
+# A cross build takes its build dependencies in the throw-away root below:
+# the target's libraries among them (libdw-dev) pull the target's C
+# library, which stays off this machine.
+if [ ${#cross[@]} -eq 0 ]; then
+  step "installing the build dependencies" $sudo apt-get build-dep -y ./
+fi
 
 # The package is built in a copy of the tree, so that dpkg-buildpackage
 # finds no earlier build output and leaves its results (written next to
@@ -64,14 +68,14 @@ else
   done
   # The build runs in the root, in the copy of the tree (bound from here).
   $sudo env base="$base" source_dir="$source_dir" work="$work" \
-    runtime="${runtime[*]}" build="${build[*]}" \
+    runtime="${runtime[*]}" build="${build[*]}" cross="${cross[*]}" \
     unshare --mount --propagation private bash -euo pipefail -c '
       . scripts/lib/throwaway-root.sh
       make_root "$base" "$source_dir"
       read -r -a packages <<< "$runtime"
       in_root apt-get install -y -qq --no-install-recommends \
         --allow-downgrades "${packages[@]}" >/dev/null
-      in_root bash -c "cd $work && $build"' >"$out/build.log" 2>&1 ||
+      in_root bash -c "cd $work && apt-get build-dep -y -qq --arch-only $cross ./ >/dev/null && $build"' >"$out/build.log" 2>&1 ||
     status=$?
 fi
 [ "${status:-0}" -eq 0 ] ||
