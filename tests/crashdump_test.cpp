@@ -76,10 +76,12 @@ class CrashDump : public testing::Test {
     return ReadFile(saved);
   }
 
-  // qel-crashdump's output for `arguments`, with its exit status expected.
+  // qel-crashdump's output for `arguments`, run in `m_dir`, with its exit
+  // status expected.
   std::string Crashdump(const std::string& arguments, int status = 0) {
     std::string out;
-    EXPECT_EQ(Shell(std::string(QEL_CRASHDUMP) + " " + arguments + " 2>&1", &out), status) << out;
+    EXPECT_EQ(Shell("cd " + m_dir + " && " QEL_CRASHDUMP " " + arguments + " 2>&1", &out), status)
+        << out;
     return out;
   }
 
@@ -154,8 +156,8 @@ TEST_F(CrashDump, FindsDebugInformationByBuildId) {
   ASSERT_EQ(Shell("mkdir -p $(dirname " + m_dir + "/debug" + debugFile + ") && cp " + m_dir +
                   "/svc.debug " + m_dir + "/debug" + debugFile),
             0);
-  EXPECT_TRUE(InOrder(Crashdump("--debug-dir " + m_dir + "/debug " + m_dir + "/dump.txt"),
-                      OwnFrames("svc")));
+  // Relative folders too, as given on a command line.
+  EXPECT_TRUE(InOrder(Crashdump("--debug-dir debug dump.txt"), OwnFrames("svc")));
 
   // The board's files, as unpacked packages give them: the program at its
   // path and its -dbgsym package's file in /usr/lib/debug.

@@ -5,6 +5,7 @@
 
 #include <getopt.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <cstdio>
 #include <cstring>
@@ -28,6 +29,14 @@ const char kUsage[] =
     "  --debug-dir DIR  look for debug information in DIR/.build-id first\n"
     "                   (before /usr/lib/debug, under the sysroot if given)\n";
 
+// `path` made absolute: elfutils takes a relative debug folder as relative
+// to each binary's own folder.
+std::string Absolute(const std::string& path) {
+  if (path.empty() || path[0] == '/') return path;
+  char here[4096];
+  return getcwd(here, sizeof here) != nullptr ? std::string(here) + "/" + path : path;
+}
+
 // Prints the frames gathered for one record and forgets them.
 void Flush(qel_crashdump::Symbolizer& symbolizer,
            std::vector<qel_crashdump::FrameText>& frames) {
@@ -48,12 +57,12 @@ int main(int argc, char** argv) {
   for (int choice; (choice = getopt_long(argc, argv, "", kOptions, nullptr)) != -1;) {
     switch (choice) {
       case 's':
-        options.sysroot = optarg;
+        options.sysroot = Absolute(optarg);
         while (options.sysroot.size() > 1 && options.sysroot.back() == '/')
           options.sysroot.pop_back();
         break;
       case 'd':
-        debugDirs.push_back(optarg);
+        debugDirs.push_back(Absolute(optarg));
         break;
       case 'h':
         std::fputs(kUsage, stdout);
