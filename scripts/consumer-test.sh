@@ -17,7 +17,10 @@
 # through QEL_EMULATOR. The faulting service runs in a private mount
 # namespace with its own /home (a user namespace for a user without root),
 # and eu-addr2line (Debian package elfutils) names the frames of its
-# executable, which the dump gives as offsets. Without pkg-config, the find_package half still runs
+# executable, which the dump gives as offsets; where qel-crashdump is
+# installed (system), it must tell their source lines too. Without
+# eu-addr2line the dumps go unchecked and the script ends with 77. Without
+# pkg-config, the find_package half still runs
 # and the script then exits 77 (skipped), naming the package to install.
 set -euo pipefail
 mode=${1:?install or system}
@@ -67,6 +70,10 @@ run() {
 faulting_service_dumps() {
   local program=$1 how=$2 namespace=(--mount --propagation private) dump
   [ "$(id -u)" -eq 0 ] || namespace+=(--map-root-user)
+  if ! command -v eu-addr2line >/dev/null; then
+    dumps_unchecked="needs eu-addr2line (Debian package elfutils)"
+    return
+  fi
   dump=$(LD_LIBRARY_PATH=$libdir unshare "${namespace[@]}" bash -c '
     mount -t tmpfs tmpfs /home && mkdir -p /home/root/log
     status=0
@@ -94,7 +101,15 @@ faulting_service_dumps() {
   [[ "|$joined|" == *"|$expected|"* ]] ||
     { printf '%s\n' "$dump" >&2; fail "$how: the dump lacks frames of the service's own code"; }
   echo "consumer-test: $label: $how: the crash dump of a real fault holds every frame"
+  if [ "$mode" = system ] && command -v qel-crashdump >/dev/null; then
+    local told
+    told=$(qel-crashdump <<< "$dump") || fail "$how: qel-crashdump failed"
+    [[ $told == *"(anonymous namespace)::FaultInnermost(int) at $project/faulting_service.cpp:"* ]] ||
+      { printf '%s\n' "$told" >&2; fail "$how: qel-crashdump does not tell the faulting line"; }
+    echo "consumer-test: $label: $how: the installed qel-crashdump tells the faulting line"
+  fi
 }
+dumps_unchecked=
 
 # find_package: an install tree through CMAKE_PREFIX_PATH (a cross build
 # searches below its root paths only, so the scratch tree becomes one of
@@ -114,12 +129,12 @@ run "$scratch/cmake/consumer"
 echo "consumer-test: $label: find_package build runs"
 faulting_service_dumps "$scratch/cmake/faulting_service" find_package
 
+# Worded as GoogleTest words a skip, so that scripts/armhf.sh lists it.
+skip() { printf 'consumer-test: Skipped\n%s\n' "$1"; exit 77; }
 # Asked to run rather than looked up: a pkg-config that cannot run counts as
 # none.
 if ! pkg-config --version >/dev/null 2>&1; then
-  # Worded as GoogleTest words a skip, so that scripts/armhf.sh lists it.
-  printf 'consumer-test: Skipped\nneeds pkg-config (Debian package pkg-config)\n'
-  exit 77
+  skip "needs pkg-config (Debian package pkg-config)"
 fi
 # pkg-config: the file finds its prefix from its own place ...
 pc() { PKG_CONFIG_LIBDIR=$(dirname "$pcfile") pkg-config "$@" qel_util; }
@@ -138,3 +153,4 @@ read -r -a sysrootflags <<< "$(PKG_CONFIG_SYSROOT_DIR=$root pc --cflags --libs)"
   fail "pkg-config's includedir holds no headers"
 echo "consumer-test: $label: pkg-config build runs"
 faulting_service_dumps "$scratch/pc/faulting_service" pkg-config
+[ -z "$dumps_unchecked" ] || skip "$dumps_unchecked"
