@@ -10,8 +10,11 @@ bash scripts/install-deps.sh
 dir=build-armhf
 jobs=$(nproc)
 # No GoogleTest is installed for armhf: it is built from Debian's sources
-# (package googletest) with the cross tool chain.
+# (package googletest) with the cross tool chain. 64-bit time and file
+# offsets, as Debian 13 and OpenEmbedded build for 32-bit ARM.
+wide='-D_TIME_BITS=64 -D_FILE_OFFSET_BITS=64'
 cmake -S . -B "$dir" -DCMAKE_BUILD_TYPE=RelWithDebInfo \
+  -DCMAKE_C_FLAGS="$wide" -DCMAKE_CXX_FLAGS="$wide" \
   -DQEL_UTIL_GTEST_FROM_SOURCE=/usr/src/googletest \
   -DCMAKE_TOOLCHAIN_FILE=cmake/toolchains/arm-linux-gnueabihf.cmake >/dev/null
 cmake --build "$dir" -j "$jobs"

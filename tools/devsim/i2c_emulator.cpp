@@ -161,8 +161,13 @@ Handle* Find(int fd) {
 
 }  // namespace
 
-#define QEL_DEFINE_OPEN(name)                                         \
-  int name(const char* path, int flags, ...) {                        \
+// Each wrapper is defined under its symbol's own name: a program built with
+// 64-bit file offsets calls open64 where its source says open, and one built
+// with 64-bit time on a 32-bit target calls __ioctl_time64 for ioctl, while
+// this file's own build flags would fold the two names of a pair into one.
+#define QEL_DEFINE_OPEN(function, symbol)                             \
+  int function(const char* path, int flags, ...) __asm__(symbol);     \
+  int function(const char* path, int flags, ...) {                    \
     va_list arguments;                                                \
     va_start(arguments, flags);                                       \
     mode_t mode =                                                     \
@@ -170,14 +175,29 @@ Handle* Find(int fd) {
     va_end(arguments);                                                \
     if (strncmp(path, "/dev/i2c-", 9) == 0)                           \
       return OpenAdapter(path + 9, flags);                            \
-    static auto next = Next<int (*)(const char*, int, ...)>(#name);   \
+    static auto next = Next<int (*)(const char*, int, ...)>(symbol);  \
     return next(path, flags, mode);                                   \
+  }
+
+// No i2c-dev request carries a time, so both symbols answer alike.
+#define QEL_DEFINE_IOCTL(function, symbol)                                   \
+  int function(int fd, unsigned long request, ...) noexcept __asm__(symbol); \
+  int function(int fd, unsigned long request, ...) noexcept {                \
+    va_list arguments;                                                       \
+    va_start(arguments, request);                                            \
+    unsigned long argument = va_arg(arguments, unsigned long);               \
+    va_end(arguments);                                                       \
+    if (Handle* h = Find(fd)) return Result(Ioctl(*h, request, argument));   \
+    static auto next = Next<int (*)(int, unsigned long, ...)>(symbol);       \
+    return next(fd, request, argument);                                      \
   }
 
 extern "C" {
 
-QEL_DEFINE_OPEN(open)
-QEL_DEFINE_OPEN(open64)
+QEL_DEFINE_OPEN(EmulatedOpen, "open")
+QEL_DEFINE_OPEN(EmulatedOpen64, "open64")
+QEL_DEFINE_IOCTL(EmulatedIoctl, "ioctl")
+QEL_DEFINE_IOCTL(EmulatedIoctlTime64, "__ioctl_time64")
 
 int close(int fd) {
   Handles().erase(fd);
@@ -195,16 +215,6 @@ ssize_t write(int fd, const void* data, size_t count) {
   if (Handle* h = Find(fd)) return Result(Single(*h, 0, data, count));
   static auto next = Next<ssize_t (*)(int, const void*, size_t)>("write");
   return next(fd, data, count);
-}
-
-int ioctl(int fd, unsigned long request, ...) noexcept {
-  va_list arguments;
-  va_start(arguments, request);
-  unsigned long argument = va_arg(arguments, unsigned long);
-  va_end(arguments);
-  if (Handle* h = Find(fd)) return Result(Ioctl(*h, request, argument));
-  static auto next = Next<int (*)(int, unsigned long, ...)>("ioctl");
-  return next(fd, request, argument);
 }
 
 }  // extern "C"

@@ -30,11 +30,16 @@ enum { FRAME = 512, DATA = 256, OFF_DATA = 228, OFF_NONCE = 484,
 static unsigned char s_ours[MAX_FDS];
 typedef int (*open_fn)(const char*, int, ...);
 
-/* The node is "/dev/null" under another name: it gives the descriptor. */
-#define OPEN_WRAPPER(name)                                                \
-  int name(const char* path, int flags, ...) {                            \
+/* Each wrapper is defined under its symbol's own name: a program built with
+ * 64-bit file offsets calls open64 where its source says open, and one built
+ * with 64-bit time on a 32-bit target calls __ioctl_time64 for ioctl, while
+ * this file's own build flags would fold the two names of a pair into one.
+ * The node is "/dev/null" under another name: it gives the descriptor. */
+#define OPEN_WRAPPER(fn, symbol)                                          \
+  int fn(const char* path, int flags, ...) __asm__(symbol);               \
+  int fn(const char* path, int flags, ...) {                              \
     static open_fn real;                                                  \
-    if (!real) real = (open_fn)dlsym(RTLD_NEXT, #name);                   \
+    if (!real) real = (open_fn)dlsym(RTLD_NEXT, symbol);                  \
     va_list args;                                                         \
     va_start(args, flags);                                                \
     mode_t mode = flags & (O_CREAT | O_TMPFILE) ? va_arg(args, mode_t) : 0; \
@@ -46,8 +51,8 @@ typedef int (*open_fn)(const char*, int, ...);
     if (fd >= 0 && fd < MAX_FDS) s_ours[fd] = 1;                          \
     return fd;                                                            \
   }
-OPEN_WRAPPER(open)
-OPEN_WRAPPER(open64)
+OPEN_WRAPPER(emulated_open, "open")
+OPEN_WRAPPER(emulated_open64, "open64")
 
 int close(int fd) {
   static int (*real)(int);
@@ -104,18 +109,29 @@ static int read_data(const struct mmc_ioc_multi_cmd* multi) {
   return 0;
 }
 
-int ioctl(int fd, unsigned long request, ...) {
-  va_list args;
-  va_start(args, request);
-  void* arg = va_arg(args, void*);
-  va_end(args);
+typedef int (*ioctl_fn)(int, unsigned long, ...);
+
+/* No request on the node carries a time, so both symbols answer alike. */
+static int answer(ioctl_fn* real, const char* symbol, int fd,
+                  unsigned long request, void* arg) {
   if (fd < 0 || fd >= MAX_FDS || !s_ours[fd]) {
-    static int (*real)(int, unsigned long, ...);
-    if (!real)
-      real = (int (*)(int, unsigned long, ...))dlsym(RTLD_NEXT, "ioctl");
-    return real(fd, request, arg);
+    if (!*real) *real = (ioctl_fn)dlsym(RTLD_NEXT, symbol);
+    return (*real)(fd, request, arg);
   }
   if (request == MMC_IOC_MULTI_CMD && arg && read_data(arg) == 0) return 0;
   errno = EINVAL;
   return -1;
 }
+
+#define IOCTL_WRAPPER(fn, symbol)                                         \
+  int fn(int fd, unsigned long request, ...) __asm__(symbol);             \
+  int fn(int fd, unsigned long request, ...) {                            \
+    static ioctl_fn real;                                                 \
+    va_list args;                                                         \
+    va_start(args, request);                                              \
+    void* arg = va_arg(args, void*);                                      \
+    va_end(args);                                                         \
+    return answer(&real, symbol, fd, request, arg);                       \
+  }
+IOCTL_WRAPPER(emulated_ioctl, "ioctl")
+IOCTL_WRAPPER(emulated_ioctl_time64, "__ioctl_time64")
