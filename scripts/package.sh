@@ -77,13 +77,13 @@ else
       read -r -a packages <<< "$runtime"
       in_root apt-get install -y -qq --no-install-recommends \
         --allow-downgrades "${packages[@]}" >/dev/null
-      build_dep() { in_root bash -c "cd $work && apt-get build-dep -qq --arch-only $cross $* ./"; }
+      build_dep() { in_root bash -c "cd $work && apt-get build-dep --arch-only $cross $* ./"; }
       # The target build dependencies pull more Multi-Arch: same packages
       # (C library headers, liblzma, libssl); one that apt cannot match to
       # this machine'"'"'s version goes in first at the newest version
       # offered for both.
       for _ in 1 2 3 4 5 6; do
-        unmet=$(build_dep -s 2>&1 | sed -n "s/.*Depends: \([^ :]*\):$arch .*not going to be installed.*/\1/p" | sort -u)
+        unmet=$(build_dep -s 2>&1 | sed -n "s/.*Depends: \([^ :]*\):$arch .*not going to be installed.*/\1/p" | sort -u || true)
         [ -n "$unmet" ] || break
         pins=()
         for package in $unmet; do
@@ -92,7 +92,7 @@ else
         in_root apt-get install -y -qq --no-install-recommends \
           --allow-downgrades "${pins[@]}" >/dev/null
       done
-      build_dep -y >/dev/null
+      build_dep -y -qq >/dev/null
       in_root bash -c "cd $work && $build"' >"$out/build.log" 2>&1 ||
     status=$?
 fi
