@@ -7,7 +7,6 @@
 #include <unistd.h>
 
 #include <fstream>
-#include <regex>
 #include <string>
 #include <vector>
 
@@ -119,13 +118,16 @@ TEST_F(CrashDump, TellsEveryFrameOfANativeFault) {
   EXPECT_EQ(Count(out, "\n#"), frames) << out;
   EXPECT_EQ(out.find("././"), std::string::npos) << out;
 
+  // syslog gets the frames as backtrace_symbols words them: a blank before
+  // the address.
   std::string syslog;
-  for (size_t at = 0, end; (end = dump.find('\n', at)) != std::string::npos; at = end + 1)
-    if (dump.compare(at, 6, "------") != 0)
-      // syslog gets the frames as backtrace_symbols words them: a blank
-      // before the address.
-      syslog += "<26>Nov 25 01:06:38 svc[812]: " +
-                std::regex_replace(dump.substr(at, end - at), std::regex("\\)\\[0x"), ") [0x") + "\n";
+  for (size_t at = 0, end; (end = dump.find('\n', at)) != std::string::npos; at = end + 1) {
+    std::string line = dump.substr(at, end - at);
+    if (line == "------") continue;
+    const size_t address = line.rfind(")[0x");
+    if (address != std::string::npos) line.insert(address + 1, " ");
+    syslog += "<26>Nov 25 01:06:38 svc[812]: " + line + "\n";
+  }
   ASSERT_EQ(WriteFile(m_dir + "/syslog", "<30>Nov 25 01:06:37 other[3]: started\n" + syslog), "");
   EXPECT_TRUE(InOrder(Crashdump(m_dir + "/syslog"), OwnFrames("svc")));
   EXPECT_NE(Crashdump(m_dir + "/dump.txt --bad", 2).find("usage:"), std::string::npos);
