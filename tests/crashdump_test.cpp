@@ -89,7 +89,7 @@ class CrashDump : public testing::Test {
   static std::vector<std::string> OwnFrames(const std::string& program) {
     const std::string at = std::string(" at ") + QEL_FAULTING_SOURCE + ":";
     const std::string in = " (" + program + ")";
-    return {"#0  qel_util::DaemonImpl::DumpCallStack(int) at ",
+    return {"  qel_util::DaemonImpl::DumpCallStack(int) at ",
             "(anonymous namespace)::FaultInnermost(int)" + at +
                 std::to_string(SourceLine("*g_nowhere = value;")) + in,
             "(anonymous namespace)::FaultMiddle(int)" + at +
@@ -150,9 +150,9 @@ TEST_F(CrashDump, FindsDebugInformationByBuildId) {
   FaultAndDump(svc, "svc");
 
   const std::string bare = Crashdump(m_dir + "/dump.txt");
-  EXPECT_TRUE(InOrder(bare, {"#0  qel_util::DaemonImpl::DumpCallStack(int) at ",
+  EXPECT_TRUE(InOrder(bare, {"  qel_util::DaemonImpl::DumpCallStack(int) at ",
                              svc + "(+0x", "] -- no debug information for build-id " + id,
-                             "#7  qel_util::Daemon::Run() at "}));
+                             "  qel_util::Daemon::Run() at "}));
   EXPECT_EQ(bare.find("FaultInnermost"), std::string::npos) << bare;
 
   ASSERT_EQ(Shell("mkdir -p $(dirname " + m_dir + "/debug" + debugFile + ") && cp " + m_dir +
@@ -188,7 +188,7 @@ TEST_F(CrashDump, NeverTellsFramesOfARebuiltProgram) {
   ASSERT_EQ(Shell("cp " QEL_FAULTING_SERVICE_REBUILT " " + svc), 0);
   std::string out = Crashdump(m_dir + "/dump.txt");
   EXPECT_EQ(Count(out, "-- it was changed after the dump was written"), own) << out;
-  EXPECT_TRUE(InOrder(out, {"#0  qel_util::DaemonImpl::DumpCallStack(int) at ",
+  EXPECT_TRUE(InOrder(out, {"  qel_util::DaemonImpl::DumpCallStack(int) at ",
                             "qel_util::Daemon::Run() at "}));
 
   ASSERT_EQ(Shell("touch -d '2001-01-01' " + svc), 0);
@@ -223,7 +223,7 @@ TEST_F(CrashDump, TellsAnArmhfDumpAgainstTheBoardsFiles) {
                   root + svc),
             0);
   const std::string stripped = Crashdump("--sysroot " + root + " " + m_dir + "/dump.txt");
-  EXPECT_TRUE(InOrder(stripped, {"#0  qel_util::DaemonImpl::DumpCallStack(int) at ",
+  EXPECT_TRUE(InOrder(stripped, {"  qel_util::DaemonImpl::DumpCallStack(int) at ",
                                  svc + "(+0x", "] -- no debug information for build-id ",
                                  "qel_util::Daemon::Run() at "}));
   EXPECT_EQ(stripped.find("FaultInnermost"), std::string::npos) << stripped;
