@@ -1,6 +1,6 @@
 #!/bin/bash
-# Inside a fresh root that has only a compiler and CMake: follows the
-# README's "Using the installed library" as a newcomer would. Its install
+# Inside a fresh root that has only a compiler and CMake: follows "Using the
+# installed library" of docs/installing.md as a newcomer would. Its install
 # block builds and installs, the installed tool starts, a program of the
 # user's own finds the library with find_package(qel_util), and the
 # uninstall target takes every installed file away again.
@@ -11,9 +11,9 @@ source scripts/lib/progress.sh
 block=$(awk '/^## Using the installed library/ { on = 1 }
              on && /^```sh/ { inside = 1; next }
              inside && /^```/ { exit }
-             inside' README.md)
-[ -n "$block" ] || { echo "README: no install block found" >&2; exit 1; }
-note "the README's install block"
+             inside' docs/installing.md)
+[ -n "$block" ] || { echo "docs/installing.md: no install block found" >&2; exit 1; }
+note "the install block of docs/installing.md"
 printf '%s\n' "$block" | sed 's/^/    /'
 bash -euo pipefail -c "$block"
 

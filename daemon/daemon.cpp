@@ -68,9 +68,13 @@ void DaemonImpl::pidfile(const char* nameOrPath) {
 }
 
 void DaemonImpl::shutdown(int) {
-  if (m_pidfileWritten && m_pidfile != nullptr && unlink(m_pidfile) != 0)
-    Daemon::debug(QEL_HERE, "Failed to remove pidfile '%s': %s", m_pidfile,
-                  std::strerror(errno));
+  if (m_pidfileWritten && m_pidfile != nullptr) {
+    // Not while a starter is between its check and its write.
+    PidfileDirectoryLock lock(m_pidfile);
+    if (unlink(m_pidfile) != 0)
+      Daemon::debug(QEL_HERE, "Failed to remove pidfile '%s': %s", m_pidfile,
+                    std::strerror(errno));
+  }
   m_pidfileWritten = false;
   if (m_logOpen) {
     closelog();
@@ -98,12 +102,18 @@ int Daemon::Init(int&, char**& argv) {
     Assign(s_daemonImpl.m_progName, name);
     s_daemonImpl.pidfile(s_daemonImpl.m_progName);
   }
+  TakeServiceManager();
   return s_daemonImpl.Init();
 }
 
 void Daemon::Run() {
+  if (s_daemonImpl.IsRunning()) NotifyServiceManager("READY=1");
   // The flag is an atomic: read afresh before every step.
-  while (s_daemonImpl.IsRunning()) Process();
+  while (s_daemonImpl.IsRunning()) {
+    FeedWatchdog();
+    Process();
+  }
+  NotifyServiceManager("STOPPING=1");
   debug(QEL_HERE, "exit %i", getpid());
   std::exit(0);
 }

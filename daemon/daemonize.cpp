@@ -77,7 +77,11 @@ void DaemonImpl::daemonize() {
     std::exit(1);
   }
   if (!m_foreground) {
-    fork();
+    // A manager that waits for READY=1 knows the process it started, which
+    // must stay the service; it is a session leader already.
+    if (!UnderServiceManager()) fork();
+    // Check and write as one step against other starters.
+    PidfileDirectoryLock lock(m_pidfile);
     checkPidfileOrShutdown();
     writePidfile();
   }

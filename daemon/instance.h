@@ -8,6 +8,35 @@ namespace qel_util {
 // The one framework object, constructed at library load.
 extern DaemonImpl s_daemonImpl;
 
+// Takes over $NOTIFY_SOCKET, $WATCHDOG_USEC and $WATCHDOG_PID, when the
+// first is set, and removes all three from the environment, so that no child
+// takes itself for the manager's main process. Main thread, before threads.
+void TakeServiceManager();
+// Whether a service manager waits for this process's reports.
+bool UnderServiceManager();
+// Sends `state` ("READY=1", ...) to the service manager; nothing without one.
+// Keeps errno.
+void NotifyServiceManager(const char* state);
+// Sends "WATCHDOG=1" when the manager asked for it and a quarter of its
+// interval has passed since the last one (at once the first time).
+void FeedWatchdog();
+
+// An exclusive flock on the directory of a pid file while it lives: the
+// starters of one daemon check and write the file one at a time, and a
+// daemon that ends removes it between them. It makes no file; its
+// descriptor is closed with it. Without a directory to lock (null path, no
+// such directory) it holds nothing and the caller goes on unguarded.
+class PidfileDirectoryLock {
+ public:
+  explicit PidfileDirectoryLock(const char* pidfile);
+  ~PidfileDirectoryLock();
+  PidfileDirectoryLock(const PidfileDirectoryLock&) = delete;
+  PidfileDirectoryLock& operator=(const PidfileDirectoryLock&) = delete;
+
+ private:
+  int m_fd;
+};
+
 // Opens syslog again as the last OpenLog did, LOG_NDELAY left out, after
 // daemonize closed it; nothing when OpenLog was not called.
 void ReopenLog();

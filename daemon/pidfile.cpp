@@ -1,6 +1,9 @@
 // Guarding and publishing the pid file.
 
+#include <fcntl.h>
+#include <limits.h>
 #include <signal.h>
+#include <sys/file.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -29,6 +32,28 @@ int ParsePid(const char* text) {
 }
 
 }  // namespace
+
+PidfileDirectoryLock::PidfileDirectoryLock(const char* pidfile) : m_fd(-1) {
+  if (pidfile == nullptr) return;
+  // The directory part of the path, on the stack: shutdown takes this lock
+  // too, also on the way out of a crash, where the heap may be unusable.
+  char directory[PATH_MAX] = ".";
+  if (const char* slash = std::strrchr(pidfile, '/')) {
+    const size_t length = slash == pidfile ? 1 : slash - pidfile;
+    if (length >= sizeof directory) return;
+    std::memcpy(directory, pidfile, length);
+    directory[length] = '\0';
+  }
+  m_fd = open(directory, O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+  if (m_fd < 0) return;
+  // A stop signal only lowers the running flag: wait on.
+  while (flock(m_fd, LOCK_EX) == -1 && errno == EINTR) {
+  }
+}
+
+PidfileDirectoryLock::~PidfileDirectoryLock() {
+  if (m_fd >= 0) close(m_fd);
+}
 
 int Daemon::CheckPidFile(const char* path, int& pid) {
   pid = 0;

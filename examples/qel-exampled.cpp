@@ -7,9 +7,19 @@
 //     answered with "pong", "neighbour <IPv4>" with the neighbour check
 //     ("neighbour 10.0.0.2 2"), anything else with "unknown <text>".
 //
+// Two requests, on either path, exist to test a service manager and are
+// never answered: "hang" stops the main loop for good (a watchdog must end
+// the service), "crash" faults (the crash handler writes the dump and ends
+// the service with status 1).
+//
+// Under systemd (examples/qel-exampled.service, Type=notify) the framework
+// reports readiness and feeds the watchdog; Process returns at least once a
+// second, so any WatchdogSec= of 4 seconds or more holds.
+//
 //   qel-exampled [--foreground] [--debug] [--pidfile NAME|PATH] [--key KEY]
 
 #include <poll.h>
+#include <signal.h>
 #include <sys/ipc.h>
 #include <sys/msg.h>
 #include <syslog.h>
@@ -35,6 +45,13 @@ struct QueueMessage {
   long type;
   char text[256];
 };
+
+// Carries out the requests that test a service manager (see above).
+void ObeyTestRequest(const std::string& request) {
+  if (request == "hang")
+    for (;;) pause();  // a stop signal lowers the flag, and is ignored here
+  if (request == "crash") raise(SIGSEGV);
+}
 
 std::string Answer(const std::string& request) {
   if (request == "ping") return "pong";
@@ -65,8 +82,8 @@ class ExampleService : public qel_util::Daemon {
     pollfd ready[2] = {{m_queue->get_fd(), POLLIN, 0},
                        {m_socket->get_fd(), POLLIN, 0}};
     // A stop signal interrupts the wait (EINTR); the main loop then sees its
-    // running flag down.
-    if (poll(ready, 2, -1) <= 0) return;
+    // running flag down. Returning at least once a second feeds a watchdog.
+    if (poll(ready, 2, 1000) <= 0) return;
     if (ready[0].revents & POLLIN) ServeQueue();
     if (ready[1].revents & POLLIN) ServeDatagrams();
   }
@@ -81,6 +98,7 @@ class ExampleService : public qel_util::Daemon {
           std::string(GetName()) + " got '" + request.text + "'";
       std::strncpy(answer.text, text.c_str(), sizeof answer.text - 1);
       SysLog(LOG_INFO, "queue: %s", request.text);
+      ObeyTestRequest(request.text);
       m_queue->tx(&answer, sizeof(long) + std::strlen(answer.text) + 1,
                   IPC_NOWAIT);
       request = QueueMessage{};
@@ -92,6 +110,7 @@ class ExampleService : public qel_util::Daemon {
     int length;
     while ((length = m_socket->Read(buffer, sizeof buffer)) > 0) {
       const std::string request(reinterpret_cast<char*>(buffer), length);
+      ObeyTestRequest(request);
       const std::string answer = Answer(request);
       SysLog(LOG_INFO, "datagram: %s -> %s", request.c_str(), answer.c_str());
       m_socket->Write(reinterpret_cast<const unsigned char*>(answer.data()),
@@ -120,10 +139,11 @@ int main(int argc, char** argv) {
       key = std::strtol(argv[++i], nullptr, 0);
   }
   service.OpenLog(service.GetName(), LOG_PID, 0);
-  // The launching command returns 0 here once the fork is made; a refused
-  // second instance exits with status 1 in the forked child, where the
-  // launcher cannot see it. Start through start-stop-daemon --pidfile, or
-  // check the pid file, to know whether the start took.
+  // Started by hand, the launching command returns 0 here once the fork is
+  // made; a refused second instance exits with status 1 in the forked child,
+  // where the launcher cannot see it. Start through start-stop-daemon
+  // --pidfile, or check the pid file, to know whether the start took. Under
+  // systemd with Type=notify there is no fork, and a refused start fails.
   service.daemonize();
   // Detached for good: the terminal (or a pipe we were started from) must
   // not be held open. Everything worth keeping goes to syslog.

@@ -11,7 +11,7 @@ bash scripts/install-deps.sh
 
 build_tree . build-bench -DCMAKE_BUILD_TYPE=RelWithDebInfo -DQEL_UTIL_BUILD_BENCH=ON \
   -DBUILD_TESTING=OFF -DQEL_UTIL_BUILD_EXAMPLES=OFF -DQEL_UTIL_BUILD_TOOLS=OFF
-for bench in msgq_bench socket_bench daemonize_bench; do
+for bench in msgq_bench socket_bench daemonize_bench start_race_bench; do
   note "$bench"
   build-bench/bench/$bench --benchmark_color=false >"build-bench/$bench.txt" 2>&1
   grep -E 'target|throughput ratio' "build-bench/$bench.txt" |

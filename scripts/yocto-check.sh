@@ -202,7 +202,7 @@ expected = [
     (r"usr/(include/|lib/libqel_util\.so$|lib/pkgconfig/|lib/cmake/)", PN + "-dev"),
     (r"usr/bin/", PN + "-tools"),
     (r"usr/lib/qel_util/", PN + "-devsim-emulators"),
-    (r"usr/share/man/", PN + "-doc"),
+    (r"usr/share/(man|doc)/", PN + "-doc"),
 ]
 for path in sorted(staged):
     wanted = [pkg for rx, pkg in expected if re.match(rx, path)]

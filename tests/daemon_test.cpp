@@ -5,15 +5,22 @@
 #include <linux/seccomp.h>
 #include <signal.h>
 #include <sys/mount.h>
+#include <poll.h>
+#include <sys/file.h>
 #include <sys/prctl.h>
+#include <sys/socket.h>
 #include <sys/syscall.h>
+#include <sys/sysmacros.h>
+#include <sys/un.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <syslog.h>
 #include <unistd.h>
 
+#include <chrono>
 #include <cstddef>
 #include <thread>
+#include <utility>
 
 #include <gmock/gmock.h>
 
@@ -123,7 +130,7 @@ TEST(Daemon, RunsDetachedUntilAStopSignalOrAFault) {
       EXPECT_EQ(ReadFile(kPidFile), id + "\n");
       // pclose keeps the status of "exit 3" while the SIGCHLD handler is installed.
       EXPECT_EQ(WaitFor("/mnt/report"),
-                "pid=" + id + " sid=" + id + " umask=000 cwd=/ fds=0,1,2, pclose=768\n");
+                "pid=" + id + " sid=" + id + " umask=000 cwd=/ fds=0,1,2, inherited= pclose=768\n");
       ASSERT_EQ(kill(pid, SIGHUP), 0);  // ignored
       if (c.sig != 0) kill(pid, c.sig);
       else WriteFile("/mnt/crash", "");
@@ -222,6 +229,159 @@ TEST(Daemon, CatchChldCalledDirectlyReapsEveryExitedChild) {
     EXPECT_EQ(qel_util::DaemonImpl::m_receivedSignal, SIGCHLD);
     EXPECT_EQ(waitpid(-1, nullptr, WNOHANG), -1);
     EXPECT_EQ(errno, ECHILD);
+  });
+}
+
+// The service manager's end of $NOTIFY_SOCKET, bound by the test: a path, or
+// an abstract name written with a leading '@'. Each report comes with the
+// sender's pid.
+class ManagerSocket {
+ public:
+  explicit ManagerSocket(const std::string& name)
+      : m_name(name), m_fd(socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0)) {
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    name.copy(address.sun_path, sizeof address.sun_path - 1);
+    if (name[0] == '@') address.sun_path[0] = '\0';
+    const int on = 1;
+    EXPECT_EQ(setsockopt(m_fd, SOL_SOCKET, SO_PASSCRED, &on, sizeof on), 0);
+    EXPECT_EQ(bind(m_fd, reinterpret_cast<sockaddr*>(&address),
+                   offsetof(sockaddr_un, sun_path) + name.size()), 0) << name;
+  }
+  ~ManagerSocket() {
+    close(m_fd);
+    if (m_name[0] == '/') unlink(m_name.c_str());
+  }
+  ManagerSocket(const ManagerSocket&) = delete;
+  ManagerSocket& operator=(const ManagerSocket&) = delete;
+
+  // The next report and its sender, {"", 0} when none came within
+  // `timeoutMs` (0: only one already there).
+  std::pair<std::string, pid_t> Next(int timeoutMs = 10000) {
+    pollfd ready{m_fd, POLLIN, 0};
+    if (poll(&ready, 1, timeoutMs) != 1) return {"", 0};
+    char text[256] = {};
+    alignas(cmsghdr) char control[CMSG_SPACE(sizeof(ucred))] = {};
+    iovec part{text, sizeof text - 1};
+    msghdr message{};
+    message.msg_iov = &part;
+    message.msg_iovlen = 1;
+    message.msg_control = control;
+    message.msg_controllen = sizeof control;
+    if (recvmsg(m_fd, &message, 0) < 0) return {"", 0};
+    const cmsghdr* header = CMSG_FIRSTHDR(&message);
+    ucred sender{};
+    if (header != nullptr && header->cmsg_type == SCM_CREDENTIALS)
+      std::memcpy(&sender, CMSG_DATA(header), sizeof sender);
+    return {text, sender.pid};
+  }
+
+ private:
+  const std::string m_name;
+  const int m_fd;
+};
+
+TEST(Daemon, ReportsToTheServiceManagerThatStartedIt) {
+  QEL_REQUIRE_SANDBOX();
+  SubreaperSandbox([] {
+    const std::string self = std::to_string(getpid());
+    const std::string abstract = "@qel-test-notify-" + self;
+    // `watchdogPid`: "" unset, "self" the daemon's own pid, else as given.
+    const struct { std::string socket, watchdogPid; bool watchdog, refused; } cases[] = {
+        {"/run/notify", "", true, false}, {abstract, "self", true, false},
+        {abstract, "1", false, false}, {"/run/notify", "", false, true}};
+    const std::chrono::seconds interval(2);
+    for (const auto& c : cases) {
+      SCOPED_TRACE(c.socket + " " + c.watchdogPid + (c.refused ? " refused" : ""));
+      ManagerSocket manager(c.socket);
+      unlink(kOutput);
+      if (c.refused) WriteFile(kPidFile, self + "\n");
+      const pid_t pid = Launch({"daemonize", "report", "run"}, [&c, interval] {
+        setenv("NOTIFY_SOCKET", c.socket.c_str(), 1);
+        setenv("WATCHDOG_USEC", std::to_string(interval.count() * 1000000).c_str(), 1);
+        if (!c.watchdogPid.empty())
+          setenv("WATCHDOG_PID", (c.watchdogPid == "self" ? std::to_string(getpid())
+                                                          : c.watchdogPid).c_str(), 1);
+      });
+      if (c.refused) {
+        // The very process started fails, and never says it is ready.
+        EXPECT_EQ(Reap(pid), 1);
+        EXPECT_EQ(manager.Next(0).first, "");
+        EXPECT_EQ(ReadFile(kPidFile), self + "\n");
+        EXPECT_THAT(ReadFile(kOutput), HasSubstr("Quitting because process " + self));
+        unlink(kPidFile);
+        continue;
+      }
+      EXPECT_EQ(manager.Next(), std::make_pair(std::string("READY=1"), pid));
+      // No fork: the pid file names the process the manager started.
+      EXPECT_EQ(ReadFile(kPidFile), std::to_string(pid) + "\n");
+      EXPECT_THAT(WaitFor("/mnt/report"),
+                  StartsWith("pid=" + std::to_string(pid) + " sid=" + std::to_string(getsid(0))));
+      EXPECT_THAT(ReadFile("/mnt/report"), HasSubstr(" fds=0,1,2, inherited= pclose=768\n"));
+      unlink("/mnt/report");
+      // The first right after READY=1, then at least every half interval; the
+      // manager would kill after a whole one.
+      auto last = std::chrono::steady_clock::now();
+      for (int i = 0; c.watchdog && i < 3; ++i) {
+        EXPECT_EQ(manager.Next(), std::make_pair(std::string("WATCHDOG=1"), pid));
+        const auto now = std::chrono::steady_clock::now();
+        EXPECT_LT(now - last, interval);
+        last = now;
+      }
+      kill(pid, SIGTERM);
+      auto report = manager.Next();
+      while (c.watchdog && report.first == "WATCHDOG=1") report = manager.Next();
+      EXPECT_EQ(report, std::make_pair(std::string("STOPPING=1"), pid));
+      EXPECT_EQ(Reap(pid), 0);
+      EXPECT_NE(access(kPidFile, F_OK), 0) << "pid file left behind";
+    }
+  });
+}
+
+// Whether a process waits for the flock on `path` (a directory).
+bool WaitsForLockOn(const char* path) {
+  struct stat st = {};
+  stat(path, &st);
+  char id[64];
+  std::snprintf(id, sizeof id, " %02x:%02x:%llu ", major(st.st_dev), minor(st.st_dev),
+                static_cast<unsigned long long>(st.st_ino));
+  const std::string locks = ReadFile("/proc/locks");
+  for (size_t at = locks.find("-> FLOCK"); at != std::string::npos;
+       at = locks.find("-> FLOCK", at + 1))
+    if (locks.substr(at, locks.find('\n', at) - at).find(id) != std::string::npos) return true;
+  return false;
+}
+
+TEST(Daemon, ChecksAndWritesThePidFileAsOneStep) {
+  QEL_REQUIRE_SANDBOX();
+  SubreaperSandbox([] {
+    // Another starter holds the pid file's directory: the daemon waits, and
+    // then finds what that starter wrote.
+    const std::string self = std::to_string(getpid());
+    int directory = open("/var/run", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    ASSERT_EQ(flock(directory, LOCK_EX), 0);
+    unlink(kOutput);
+    EXPECT_EQ(Reap(Launch({"daemonize", "report", "run"})), 0);
+    const bool waited = Eventually([] { return WaitsForLockOn("/var/run"); });
+    EXPECT_TRUE(waited) << "the daemon went past the check without the lock";
+    if (!waited) kill(std::atoi(WaitFor("/mnt/report").c_str() + 4), SIGTERM);
+    WriteFile(kPidFile, self + "\n");
+    close(directory);
+    EXPECT_EQ(Reap(), 1);
+    EXPECT_THAT(ReadFile(kOutput), HasSubstr("Quitting because process " + self +
+                                             " defined in pidfile '/var/run/netd.pid'"));
+    // An ending daemon removes its file only between two starters.
+    unlink(kPidFile);
+    EXPECT_EQ(Reap(Launch({"daemonize", "run"})), 0);
+    const pid_t pid = std::atoi(WaitFor(kPidFile).c_str());
+    directory = open("/var/run", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    ASSERT_EQ(flock(directory, LOCK_EX), 0);
+    kill(pid, SIGTERM);
+    EXPECT_TRUE(Eventually([] { return WaitsForLockOn("/var/run"); }));
+    EXPECT_EQ(access(kPidFile, F_OK), 0);
+    close(directory);
+    EXPECT_EQ(Reap(pid), 0);
+    EXPECT_NE(access(kPidFile, F_OK), 0) << "pid file left behind";
   });
 }
 

@@ -39,6 +39,12 @@ class QEL_UTIL_EXPORT Daemon {
   /// One step of the service's work, called by Run again and again while the
   /// running flag is up. A blocking call in it returns with EINTR when a stop
   /// signal arrives. The default does nothing.
+  ///
+  /// Under a service manager's watchdog (WatchdogSec=, see Run) Process must
+  /// return at least every quarter of the watchdog interval, e.g. by giving
+  /// its poll or select a timeout of that much at the most: Run sends
+  /// WATCHDOG=1 between two steps, and a step that never returns gets the
+  /// service killed and restarted by the manager.
   virtual void Process();
 
   /// Takes the program name from argv[0] (its base name when it is an
@@ -48,10 +54,25 @@ class QEL_UTIL_EXPORT Daemon {
   /// lower the running flag; SIGCHLD reaps exited children; SIGSEGV and
   /// SIGBUS write the crash dump and end the process with status 1 (see
   /// DaemonImpl::CatchExitApp).
+  ///
+  /// When $NOTIFY_SOCKET is set, a service manager waits for this process's
+  /// reports there (a path, or an abstract socket name written with a
+  /// leading '@'); Init takes it over together with $WATCHDOG_USEC and
+  /// $WATCHDOG_PID and removes all three from the environment, so that no
+  /// child the service starts reports in its stead. A $NOTIFY_SOCKET of any
+  /// other form is removed as well and names no manager. See daemonize and
+  /// Run.
   /// \return Always 0.
   int Init(int& argc, char**& argv);
   /// Calls Process while the running flag is up, then logs "exit <pid>" and
   /// ends the process with exit(0) (exit handlers run, the pid file goes).
+  ///
+  /// Under a service manager ($NOTIFY_SOCKET at Init) it also sends, each as
+  /// one datagram: "READY=1" before the first Process (when the running flag
+  /// is up); "WATCHDOG=1" before the first Process and then between steps
+  /// whenever a quarter of the interval of $WATCHDOG_USEC has passed, unless
+  /// $WATCHDOG_PID names another process; "STOPPING=1" once the flag is down,
+  /// before the "exit" line. A report that cannot be sent is dropped.
   [[noreturn]] void Run();
   /// Whether the running flag is up: raised by daemonize, lowered by a stop
   /// signal.
@@ -78,6 +99,19 @@ class QEL_UTIL_EXPORT Daemon {
   /// and options less LOG_NDELAY: logging goes on and its socket never takes
   /// over a descriptor of the service. A connection opened with openlog
   /// directly keeps its options and facility but loses its ident.
+  ///
+  /// The check and the write of the pid file are one step against other
+  /// starters: both happen under an exclusive flock on the pid file's
+  /// directory (taken also by the removal at exit), so of two instances
+  /// started at the same instant one is refused. The lock makes no file and
+  /// its descriptor is closed before daemonize returns; without a directory
+  /// to open the check and write go on unguarded.
+  ///
+  /// Under a service manager ($NOTIFY_SOCKET at Init) the process that the
+  /// manager started stays the service, since the manager knows it as the
+  /// main process: no fork and no new session (the manager made one), but
+  /// the pid file is checked and written as usual, so a second instance
+  /// ends with status 1 before it could report readiness.
   ///
   /// Ends the process with status 1 (after a tagged line) when the exit
   /// handler cannot be registered, fork, setsid, chdir or getrlimit fail,

@@ -11,6 +11,7 @@
 
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <string>
 
 #include "qel_util/daemon.h"
@@ -23,10 +24,16 @@ static void WriteReport() {  // to /mnt/report
   for (int fd = 0; fd < 64; ++fd)
     if (fcntl(fd, F_GETFD) != -1) fds += std::to_string(fd) + ",";
   char cwd[256] = "?";
-  FILE* child = popen("exit 3", "r");  // while the SIGCHLD handler is installed
+  // While the SIGCHLD handler is installed; the child tells what of a service
+  // manager's environment it inherited.
+  FILE* child = popen("echo \"$NOTIFY_SOCKET$WATCHDOG_USEC$WATCHDOG_PID\"; exit 3", "r");
+  char inherited[128] = "";
+  if (!std::fgets(inherited, sizeof inherited, child)) inherited[0] = '\0';
+  inherited[std::strcspn(inherited, "\n")] = '\0';
   FILE* out = std::fopen("/mnt/report", "w");
-  std::fprintf(out, "pid=%d sid=%d umask=%03o cwd=%s fds=%s pclose=%d\n", getpid(), getsid(0),
-               umask(0), getcwd(cwd, sizeof cwd) ? cwd : "?", fds.c_str(), pclose(child));
+  std::fprintf(out, "pid=%d sid=%d umask=%03o cwd=%s fds=%s inherited=%s pclose=%d\n", getpid(),
+               getsid(0), umask(0), getcwd(cwd, sizeof cwd) ? cwd : "?", fds.c_str(), inherited,
+               pclose(child));
   std::fclose(out);
 }
 
