@@ -7,9 +7,9 @@
 namespace qel_crashdump {
 namespace {
 
-// The library's fatal-signal handler: the frame two below it (past the
-// kernel's return trampoline) is the faulting instruction itself, every
-// other frame is a return address, which lies just after its call.
+// The library's fatal-signal handler: the frame two below it (past the C
+// library's signal return trampoline) is the interrupted instruction
+// itself; every other frame is a return address, just after its call.
 constexpr char kFaultHandler[] = "_ZN8qel_util10DaemonImpl12CatchExitAppEi";
 // Shared objects and position-independent programs load at page
 // boundaries.
