@@ -191,6 +191,10 @@ TEST_F(CrashDump, NeverTellsFramesOfARebuiltProgram) {
   EXPECT_TRUE(InOrder(out, {"  qel_util::DaemonImpl::DumpCallStack(int) at ",
                             "qel_util::Daemon::Run() at "}));
 
+#ifdef __clang__
+  GTEST_SKIP() << "a rebuilt program is known by its content only where GCC "
+                  "built it (clang records only some of its calls)";
+#endif
   ASSERT_EQ(Shell("touch -d '2001-01-01' " + svc), 0);
   out = Crashdump(m_dir + "/dump.txt");
   EXPECT_EQ(Count(out, ": not the binary that crashed"), own) << out;

@@ -216,7 +216,10 @@ std::vector<SourceFrame> Binary::Describe(std::uint64_t address) {
 CallSite Binary::IsReturnAddress(std::uint64_t returnAddress) {
   Dwarf_Addr bias = 0;
   Dwarf_Die* unit = dwfl_module_addrdie(m_module, returnAddress - 1, &bias);
-  if (unit == nullptr) return CallSite::kUnknown;
+  // GCC records every call of an optimised function; clang only some, so
+  // a missing one proves nothing there.
+  if (unit == nullptr || AttributeText(unit, DW_AT_producer).compare(0, 4, "GNU ") != 0)
+    return CallSite::kUnknown;
   Dwarf_Die* scopes = nullptr;
   const int count = dwarf_getscopes(unit, returnAddress - 1 - bias, &scopes);
   int function = -1;

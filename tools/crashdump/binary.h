@@ -62,7 +62,8 @@ class Binary {
   std::vector<SourceFrame> Describe(std::uint64_t address);
   // Whether `returnAddress` follows a call, by the debug information's
   // call sites of the function holding `returnAddress` - 1; kUnknown when
-  // that function records none (code built without optimisation).
+  // that function records none (code built without optimisation) or its
+  // compiler records only some (clang).
   CallSite IsReturnAddress(std::uint64_t returnAddress);
 
  private:
