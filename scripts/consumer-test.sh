@@ -17,7 +17,7 @@
 # through QEL_EMULATOR. The faulting service runs in a private mount
 # namespace with its own /home (a user namespace for a user without root),
 # and eu-addr2line (Debian package elfutils) names the frames of its
-# executable, which the dump gives as offsets; where qel-crashdump is
+# executable, which the dump gives as offsets, by its symbol table; where qel-crashdump is
 # installed (system), it must tell their source lines too. Without
 # eu-addr2line the dumps go unchecked and the script ends with 77. Without
 # pkg-config, the find_package half still runs
@@ -88,14 +88,15 @@ faulting_service_dumps() {
         offset=${line#*(+}
         offset=${offset%%")"*}
         offset=$(printf '0x%x' $((offset - 1)))
-        names+=("$(eu-addr2line -C -f -e "$program" "$offset" | head -n 1)") ;;
+        symbol=$(eu-addr2line -C -S -e "$program" "$offset" | head -n 1)
+        names+=("${symbol%+0x*}") ;;
       *"(_Z"*"+0x"*)
         symbol=${line#*(}
         names+=("$(c++filt "${symbol%%+*}")") ;;
       *) names+=("$line") ;;
     esac
   done <<< "$dump"
-  local expected="FaultInnermost|FaultMiddle|FaultOutermost|Process|qel_util::Daemon::Run()|main"
+  local expected="(anonymous namespace)::FaultInnermost(int)|(anonymous namespace)::FaultMiddle(int)|(anonymous namespace)::FaultOutermost(int)|(anonymous namespace)::FaultingService::Process()|qel_util::Daemon::Run()|main"
   local joined
   joined=$(IFS='|'; echo "${names[*]}")
   [[ "|$joined|" == *"|$expected|"* ]] ||

@@ -54,6 +54,11 @@ class CrashDump : public testing::Test {
  protected:
   void SetUp() override {
     QEL_REQUIRE_NO_EMULATOR("qel-crashdump is a tool of the build machine");
+#ifdef __clang__
+    // The programs under test are built by the same compiler.
+    GTEST_SKIP() << "elfutils 0.188 reads clang's DWARF 5 only in part: the "
+                    "service's own functions go unnamed";
+#endif
     QEL_REQUIRE_SANDBOX();
     char dir[] = "/tmp/qel-crashdump-test.XXXXXX";
     ASSERT_NE(mkdtemp(dir), nullptr);
@@ -191,10 +196,6 @@ TEST_F(CrashDump, NeverTellsFramesOfARebuiltProgram) {
   EXPECT_TRUE(InOrder(out, {"  qel_util::DaemonImpl::DumpCallStack(int) at ",
                             "qel_util::Daemon::Run() at "}));
 
-#ifdef __clang__
-  GTEST_SKIP() << "a rebuilt program is known by its content only where GCC "
-                  "built it (clang records only some of its calls)";
-#endif
   ASSERT_EQ(Shell("touch -d '2001-01-01' " + svc), 0);
   out = Crashdump(m_dir + "/dump.txt");
   EXPECT_EQ(Count(out, ": not the binary that crashed"), own) << out;
