@@ -90,3 +90,11 @@ ls -l /home/root/log | sed 's/^/  /'
 sed 's/^/  dump| /' /home/root/log/qel-exampled_dump.txt
 [ -e /var/run/qel-exampled.pid ] || echo "  the pid file was removed after the crash too"
 show_syslog
+
+heading "qel-crashdump tells each frame of the dump: function, source file and line"
+echo "  \$ qel-crashdump /home/root/log/qel-exampled_dump.txt"
+if [ -x "$root/build/tools/qel-crashdump" ]; then
+  "$root/build/tools/qel-crashdump" /home/root/log/qel-exampled_dump.txt | sed 's/^/  /'
+else
+  echo "  (not built: it needs elfutils' libdw, Debian package libdw-dev)"
+fi

@@ -12,4 +12,4 @@ quiet_install \
   iproute2 util-linux procps python3 dpkg-dev \
   zlib1g-dev mmc-utils i2c-tools libubootenv-tool \
   g++-arm-linux-gnueabihf qemu-user \
-  doxygen nlohmann-json3-dev
+  doxygen nlohmann-json3-dev libdw-dev elfutils

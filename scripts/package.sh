@@ -35,8 +35,12 @@ fi
 tools=(dpkg-dev debhelper)
 [ ${#cross[@]} -eq 0 ] || tools+=("crossbuild-essential-$arch")
 quiet_install "${tools[@]}"
-step "installing the build dependencies" \
-  $sudo apt-get build-dep -y ${arch_only[@]:+--arch-only} "${cross[@]}" ./
+# A cross build takes its build dependencies in the throw-away root below:
+# the target's libraries among them (libdw-dev) pull the target's C
+# library, which stays off this machine.
+if [ ${#cross[@]} -eq 0 ]; then
+  step "installing the build dependencies" $sudo apt-get build-dep -y ./
+fi
 
 # The package is built in a copy of the tree, so that dpkg-buildpackage
 # finds no earlier build output and leaves its results (written next to
@@ -64,13 +68,31 @@ else
   done
   # The build runs in the root, in the copy of the tree (bound from here).
   $sudo env base="$base" source_dir="$source_dir" work="$work" \
-    runtime="${runtime[*]}" build="${build[*]}" \
+    runtime="${runtime[*]}" build="${build[*]}" cross="${cross[*]}" \
+    native="$(dpkg --print-architecture)" arch="$arch" \
     unshare --mount --propagation private bash -euo pipefail -c '
       . scripts/lib/throwaway-root.sh
+      . scripts/lib/multiarch.sh
       make_root "$base" "$source_dir"
       read -r -a packages <<< "$runtime"
       in_root apt-get install -y -qq --no-install-recommends \
         --allow-downgrades "${packages[@]}" >/dev/null
+      build_dep() { in_root bash -c "cd $work && apt-get build-dep --arch-only $cross $* ./"; }
+      # The target build dependencies pull more Multi-Arch: same packages
+      # (C library headers, liblzma, libssl); one that apt cannot match to
+      # this machine'"'"'s version goes in first at the newest version
+      # offered for both.
+      for _ in 1 2 3 4 5 6; do
+        unmet=$(build_dep -s 2>&1 | sed -n "s/.*Depends: \([^ :]*\):$arch .*not going to be installed.*/\1/p" | sort -u || true)
+        [ -n "$unmet" ] || break
+        pins=()
+        for package in $unmet; do
+          mapfile -t -O ${#pins[@]} pins < <(same_version "$package" "$native" "$arch")
+        done
+        in_root apt-get install -y -qq --no-install-recommends \
+          --allow-downgrades "${pins[@]}" >/dev/null
+      done
+      build_dep -y -qq >/dev/null
       in_root bash -c "cd $work && $build"' >"$out/build.log" 2>&1 ||
     status=$?
 fi
