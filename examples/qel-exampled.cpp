@@ -46,11 +46,15 @@ struct QueueMessage {
   char text[256];
 };
 
+// Read through volatile, so the compiler cannot see the fault coming and
+// the crash is a real one, in the middle of the service's own code.
+int* volatile g_nowhere = nullptr;
+
 // Carries out the requests that test a service manager (see above).
 void ObeyTestRequest(const std::string& request) {
   if (request == "hang")
     for (;;) pause();  // a stop signal lowers the flag, and is ignored here
-  if (request == "crash") raise(SIGSEGV);
+  if (request == "crash") *g_nowhere = 1;
 }
 
 std::string Answer(const std::string& request) {
