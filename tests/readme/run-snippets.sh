@@ -22,8 +22,8 @@ if [ "${1:-}" != --inside ]; then
 fi
 shift
 
-wait_until() {  # wait_until TEST...: up to five seconds
-  for _ in $(seq 100); do "$@" && return 0; sleep 0.05; done
+wait_until() {  # wait_until TEST...: up to half a minute
+  for _ in $(seq 600); do "$@" && return 0; sleep 0.05; done
   return 1
 }
 
