@@ -42,8 +42,9 @@ if [ "${3:-}" = crash ]; then
   mkdir -p /home/root/log /mnt
   : > /mnt/crash
   rm -f /home/root/log/qel_test_daemon_dump.txt
-  tests/daemon_helper/qel_test_daemon pidfile=/run/qel_test_daemon.pid \
-    foreground daemonize segv run
+  # The program name, from its first argument, names the dump file.
+  (exec -a qel_test_daemon tests/daemon_helper/qel_test_daemon \
+     pidfile=/run/qel_test_daemon.pid foreground daemonize segv run)
   cp /home/root/log/qel_test_daemon_dump.txt vm-dump.txt || status=1
 fi
 echo "$status" > vm-status
