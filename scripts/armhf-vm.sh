@@ -15,14 +15,15 @@ source scripts/lib/progress.sh
 source scripts/lib/test-summary.sh
 source scripts/lib/armhf-vm-image.sh
 bash scripts/install-deps.sh
-quiet_install qemu-system-arm e2fsprogs cpio kmod curl xz-utils
+quiet_install qemu-system-arm e2fsprogs cpio kmod curl xz-utils ccache
 
 # The images: one directory per release and recipe (the files that make
 # it), made aside and renamed into place, so that an interrupted build is
 # never reused.
 key=$(cat scripts/lib/armhf-vm-image.sh scripts/lib/armhf-vm-clock.c |
         sha256sum | cut -c1-16)
-vm_cache=${QEL_VM_CACHE:-/var/cache/qel-util-ci}/armhf-vm
+ci_cache=${QEL_VM_CACHE:-/var/cache/qel-util-ci}
+vm_cache=$ci_cache/armhf-vm
 declare -A image
 for release in bookworm trixie; do
   image[$release]=$vm_cache/image-$release-$key
@@ -39,7 +40,9 @@ note "boot images: ${image[*]} (kernel $(cat "${image[bookworm]}/kernel-version"
 
 # Built like scripts/armhf.sh, but with no emulator: the machine runs it.
 # Debian 12's root stages zlib for the CRC-32 comparison, found again in
-# each new image.
+# each new image. A warm machine compiles little: ccache keeps the objects
+# beside the images, whatever folder the tree was cloned into.
+export CCACHE_DIR=$ci_cache/ccache CCACHE_BASEDIR=$PWD CCACHE_NOHASHDIR=1
 dir=build-armhf-vm
 wide='-D_TIME_BITS=64 -D_FILE_OFFSET_BITS=64'
 step "configuring the armhf suite for the ARM kernel" \
@@ -47,6 +50,7 @@ step "configuring the armhf suite for the ARM kernel" \
     -DCMAKE_C_FLAGS="$wide" -DCMAKE_CXX_FLAGS="$wide" \
     -DQEL_UTIL_GTEST_FROM_SOURCE=/usr/src/googletest \
     -DCMAKE_TOOLCHAIN_FILE=cmake/toolchains/arm-linux-gnueabihf.cmake \
+    -DCMAKE_C_COMPILER_LAUNCHER=ccache -DCMAKE_CXX_COMPILER_LAUNCHER=ccache \
     -DCMAKE_CROSSCOMPILING_EMULATOR= -DCMAKE_FIND_ROOT_PATH="${image[bookworm]}/root" \
     -U 'ZLIB_*'
 step "building the armhf suite" cmake --build "$dir" -j "$(nproc)"
