@@ -18,6 +18,7 @@ mkdir -p /dev/pts /dev/shm /root
 mount -t devpts devpts /dev/pts
 mount -t tmpfs tmpfs /dev/shm
 mount -t tmpfs tmpfs /run
+mkdir /run/lock
 mount -t tmpfs tmpfs /tmp
 mount -t cgroup2 cgroup2 /sys/fs/cgroup 2>/dev/null
 ldconfig

@@ -63,7 +63,7 @@ EOF
   # its main index is then taken as served, and said so. Each package is
   # still checked against that index.
   local list=$a/lists/deb.debian.org_debian_dists_$1_main_binary-armhf_Packages
-  if ! compgen -G "$list*" >/dev/null; then
+  if [ ! -e "$a/lists/deb.debian.org_debian_dists_$1_InRelease" ]; then
     note "the $1 armhf index does not match its signed Release: taking it as the mirror serves it"
     curl -fsS "http://deb.debian.org/debian/dists/$1/main/binary-armhf/Packages.xz" |
       xz -d > "$list"
@@ -123,7 +123,7 @@ vm_initramfs() {
   local root=$1 kver=$2 out=$3 dir module
   dir=$(mktemp -d)
   mkdir -p "$dir"/{bin,dev,proc,sys,newroot,modules}
-  cp "$root/bin/busybox" "$dir/bin/busybox"
+  cp "$root/bin/busybox" "$dir/bin/busybox" || return
   for applet in sh mount umount insmod switch_root mkdir sleep cat sed poweroff; do
     ln -s busybox "$dir/bin/$applet"
   done
@@ -195,8 +195,10 @@ vm_build_image() {
   kver=$(VM_APT=apt-cache vm_apt depends linux-image-armmp |
            sed -n 's/.*Depends: linux-image-\(.*\)/\1/p' | head -n 1)
   [ -n "$kver" ] || { echo "armhf-vm: no armmp kernel in the lists" >&2; return 1; }
-  vm_download_only "$dir/debs" "linux-image-$kver"
-  vm_release=$2 vm_download "$dir/debs" "${vm_packages[@]}"
+  # The caller's step runs this without errexit: each part that can fail
+  # ends the build.
+  vm_download_only "$dir/debs" "linux-image-$kver" || return
+  vm_release=$2 vm_download "$dir/debs" "${vm_packages[@]}" || return
   mkdir -p "$root/usr"/{bin,sbin,lib}
   ln -s usr/bin "$root/bin"
   ln -s usr/sbin "$root/sbin"
@@ -204,7 +206,9 @@ vm_build_image() {
   for deb in "$dir"/debs/*.deb; do vm_unpack "$deb" "$root"; done
   vm_relative_links "$root"
   # What maintainer scripts would have made: users, names, the shell and
-  # awk, /var/run.
+  # awk, /var/run and /var/lock in /run (where the tests' sandboxes give
+  # each test its own, so that tests running side by side never share a
+  # pid file).
   cp "$root/usr/share/base-passwd/passwd.master" "$root/etc/passwd"
   cp "$root/usr/share/base-passwd/group.master" "$root/etc/group"
   echo device > "$root/etc/hostname"
@@ -212,18 +216,20 @@ vm_build_image() {
   ln -sfn dash "$root/usr/bin/sh"
   ln -sfn mawk "$root/usr/bin/awk"
   mkdir -p "$root"/{proc,sys,dev,run,tmp,mnt,home/root,var,usr/local/sbin}
-  [ -e "$root/var/run" ] || ln -s /run "$root/var/run"
+  rm -rf "$root/var/run" "$root/var/lock"
+  ln -s /run "$root/var/run"
+  ln -s /run/lock "$root/var/lock"
   # ctest lists the tests through the build machine's cmake modules, named
   # by their versioned path.
   modules=$(cd "$root/usr/share" && ls -d cmake-3.*)
   [ -e "$root/usr/share/cmake-3.25" ] || ln -s "$modules" "$root/usr/share/cmake-3.25"
-  vm_i2c_stub "$root" "$kver" "$dir/i2c-stub"
+  vm_i2c_stub "$root" "$kver" "$dir/i2c-stub" || return
   arm-linux-gnueabihf-gcc -std=c11 -Wall -Wextra -O2 -D_TIME_BITS=64 \
     -D_FILE_OFFSET_BITS=64 -o "$root/usr/local/sbin/armhf-vm-clock" \
     "$(dirname "${BASH_SOURCE[0]}")/armhf-vm-clock.c"
   depmod -b "$root" "$kver"
   cp "$root/boot/vmlinuz-$kver" "$dir/vmlinuz"
-  vm_initramfs "$root" "$kver" "$dir/initramfs.cpio"
+  vm_initramfs "$root" "$kver" "$dir/initramfs.cpio" || return
   # 256-byte inodes keep file times past 2038.
   mke2fs -q -F -t ext4 -I 256 -L device -d "$root" "$dir/root.ext4" 1G
   echo "$kver" > "$dir/kernel-version"
