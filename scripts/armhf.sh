@@ -1,10 +1,11 @@
 #!/bin/bash
 # Cross-builds the library, the examples and the whole test suite for the
 # device (32-bit ARM, armhf) in build-armhf and runs the suite there under
-# qemu-user. Ends with the count of tests run and skipped, and why each
-# skipped test was skipped.
+# qemu-user. Ends with the count of tests run, passed, skipped and failed,
+# and why each skipped test was skipped.
 set -euo pipefail
 cd "$(dirname "$0")/.."
+source scripts/lib/test-summary.sh
 bash scripts/install-deps.sh
 
 dir=build-armhf
@@ -21,12 +22,5 @@ cmake --build "$dir" -j "$jobs"
 status=0
 ctest --test-dir "$dir" -j "$jobs" --output-on-failure || status=$?
 
-# gtest prints the reason right after "Skipped"; ctest keeps every output.
-awk '/^[0-9]+\/[0-9]+ Testing: / { name = $3; total++ }
-     /: Skipped$/ { getline why; skipped++
-                    print "armhf: skipped " name ": " why | "sort" }
-     END { close("sort")
-           printf "armhf: %d tests, %d run, %d skipped\n", total,
-                  total - skipped, skipped }' \
-  "$dir/Testing/Temporary/LastTest.log"
+test_summary armhf "$dir/Testing/Temporary/LastTest.log"
 exit "$status"

@@ -34,7 +34,11 @@ std::string Receive(cMsgQHandler& handler, int flags = IPC_NOWAIT, size_t room =
   return std::string(message.text, strnlen(message.text, room));
 }
 
-bool Readable(int fd, int timeoutMs = 2000) {
+// The limits bound a wait for what is due; only a check that nothing comes
+// waits them out, and a slow machine can only make that one pass.
+constexpr int kDue = 30000;
+
+bool Readable(int fd, int timeoutMs = kDue) {
   pollfd watch{fd, POLLIN, 0};
   return poll(&watch, 1, timeoutMs) == 1;
 }
@@ -104,13 +108,13 @@ TEST(MsgQHandler, TwoProcessesShareAKeyAndDestructionNeverHangs) {
     const pid_t child = fork();
     if (child == 0) {
       cMsgQHandler handler(kKey, 2);
-      if (!Readable(handler.get_fd(), 5000) || Receive(handler) != "ping") _exit(2);
+      if (!Readable(handler.get_fd()) || Receive(handler) != "ping") _exit(2);
       Send(handler, 1, "pong");
       _exit(0);
     }
     cMsgQHandler handler(kKey, 1);
     Send(handler, 2, "ping");
-    ASSERT_TRUE(Readable(handler.get_fd(), 5000));
+    ASSERT_TRUE(Readable(handler.get_fd()));
     EXPECT_EQ(Receive(handler), "pong");
     EXPECT_EQ(qel_test::Reap(child), 0);
     // Destroyed while probing an empty queue, then while parked on a message
@@ -118,7 +122,7 @@ TEST(MsgQHandler, TwoProcessesShareAKeyAndDestructionNeverHangs) {
     for (bool parked : {false, true}) {
       cMsgQHandler doomed(kKey + 1, 1);
       if (parked) Send(doomed, 1, "left behind");
-      EXPECT_EQ(Readable(doomed.get_fd(), parked ? 2000 : 100), parked);
+      EXPECT_EQ(Readable(doomed.get_fd(), parked ? kDue : 100), parked);
     }
     EXPECT_EQ(Queued(kKey + 1), 1);
   });

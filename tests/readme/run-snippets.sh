@@ -22,8 +22,8 @@ skip() { printf '%s: Skipped\n%s\n' "$test" "$1"; exit 77; }
 fail() { echo "$test: $*" >&2; exit 1; }
 block() { awk -v kind=sh -v n="$2" -f "$here/extract.awk" "$1"; }
 
-wait_until() {  # wait_until TEST...: up to five seconds
-  for _ in $(seq 100); do "$@" && return 0; sleep 0.05; done
+wait_until() {  # wait_until TEST...: up to half a minute
+  for _ in $(seq 600); do "$@" && return 0; sleep 0.05; done
   return 1
 }
 

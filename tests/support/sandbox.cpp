@@ -102,7 +102,7 @@ void RunInSandbox(const std::function<void()>& body, SandboxOptions options) {
 int Reap(pid_t pid) {
   int status = 0;
   pid_t done = 0;
-  for (int i = 0; pid > 0 && i < 1000 && (done = waitpid(pid, &status, WNOHANG)) == 0; ++i)
+  for (int i = 0; pid > 0 && i < 6000 && (done = waitpid(pid, &status, WNOHANG)) == 0; ++i)
     usleep(10000);
   if (done == 0) {
     if (pid > 0 && kill(pid, SIGKILL) == 0) ADD_FAILURE() << "process " << pid << " hung";
@@ -112,7 +112,7 @@ int Reap(pid_t pid) {
 }
 
 bool Eventually(const std::function<bool()>& done) {
-  for (int i = 0; i < 500 && !done(); ++i) usleep(10000);
+  for (int i = 0; i < 3000 && !done(); ++i) usleep(10000);
   return done();
 }
 

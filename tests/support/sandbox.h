@@ -55,12 +55,12 @@ inline std::string MountScript(const std::string& target, const std::string& scr
 std::string OpenDescriptors();
 
 // Exit status of child `pid` (of any child for -1); 128 + signal when killed.
-// A process still there after ten seconds is hung: it is killed (137).
+// A process still there after a minute is hung: it is killed (137).
 int Reap(pid_t pid = -1);
 
-// Whether `done()` came true within five seconds (what takes a moment, a
-// thread leaving /proc or a daemon writing its file, takes longer under
-// qemu-user).
+// Whether `done()` came true within half a minute (what takes a moment, a
+// thread leaving /proc or a daemon writing its file, takes seconds under an
+// emulator on a busy machine); true as soon as it does.
 bool Eventually(const std::function<bool()>& done);
 
 }  // namespace qel_test

@@ -20,10 +20,11 @@ class SyslogCapture {
     if (!m_listener.Error().empty()) ADD_FAILURE() << m_listener.Error();
   }
 
-  // The lines not yet taken, waiting up to `timeout` for `count` of them.
+  // The lines not yet taken, waiting up to `timeout` for `count` of them
+  // (a slow emulator may take seconds; no wait when none is expected).
   std::vector<SyslogLine> Take(
       size_t count = 0,
-      std::chrono::milliseconds timeout = std::chrono::milliseconds(300)) {
+      std::chrono::milliseconds timeout = std::chrono::seconds(30)) {
     std::vector<SyslogLine> lines;
     for (const std::string& raw : m_listener.Take(count, timeout))
       lines.push_back(ParseSyslogLine(raw));

@@ -2,7 +2,9 @@
 #define QEL_TESTS_SUPPORT_TARGET_H_
 
 // In a cross build the tests run under qemu-user, whose wrapper exports
-// QEL_EMULATOR: the command that runs one more target program.
+// QEL_EMULATOR: the command that runs one more target program. On the ARM
+// kernel itself (scripts/armhf-vm.sh) there is none, and they run as they
+// do natively.
 
 #include <unistd.h>
 #include <climits>
