@@ -48,8 +48,12 @@ run_block() {
   local root=$1 doc=$2 n=$3 commands
   commands=$(block "$root/$doc" "$n")
   cd "$root"
-  PATH=$QEL_SNIPPET_PATH:$PATH bash -e -c "$commands" </dev/null ||
-    fail "the block failed (status $?):"$'\n'"$commands"
+  local status=0
+  PATH=$QEL_SNIPPET_PATH:$PATH bash -e -c "$commands" </dev/null || status=$?
+  if [ "$status" -ne 0 ]; then
+    echo "$test: the block failed (status $status):"$'\n'"$commands" >&2
+    exit "$status"
+  fi
   echo "$test: ran"
 }
 
@@ -83,14 +87,15 @@ shift
 if [ -n "${QEL_EMULATOR:-}" ]; then
   skip "qel-devsim of this build runs on the device, not here"
 fi
+status=0
 # A block that starts qel-devsim itself has its simulated device from it;
 # run inside another one, the simulator does not nest cleanly.
 if [ "$mode" = sh ] && block "$1/$2" "$3" | grep -Eq '(^|[;&|(]|\$\()[[:space:]]*qel-devsim([[:space:]]|$)'; then
-  run_block "$@"
-  exit
+  (run_block "$@") || status=$?
+else
+  "$devsim" -- bash "$0" "$test" "--inside-$mode" "$@" || status=$?
 fi
-status=0
-"$devsim" -- bash "$0" "$test" "--inside-$mode" "$@" || status=$?
-# The simulator's own failure (a refused namespace) is no fault of the block.
+# The simulator's own failure (a refused namespace, a host program it needs
+# missing) is no fault of the block; it has said why.
 [ "$status" -ne 125 ] || skip "qel-devsim cannot run here"
 exit "$status"

@@ -139,7 +139,7 @@ std::string SetUpDevice(const Run& run) {
   }
   std::string output;
   step(LoopbackUp());
-  if (why.empty() && o.network && Shell(NetworkScript(o.neighbours) + " 2>&1", &output) != 0)
+  if (why.empty() && o.network && Shell("exec 2>&1\n" + NetworkScript(o.neighbours), &output) != 0)
     why = "setting up the network: " + output;
   if (why.empty() && o.network) {
     std::string list;
