@@ -15,6 +15,8 @@ mount -t proc proc /proc
 mount -t sysfs sys /sys
 mount -t devtmpfs dev /dev 2>/dev/null
 mkdir -p /dev/pts /dev/shm /root
+# What udev would add: bash's process substitution needs /dev/fd.
+ln -sfn /proc/self/fd /dev/fd
 mount -t devpts devpts /dev/pts
 mount -t tmpfs tmpfs /dev/shm
 mount -t tmpfs tmpfs /run
