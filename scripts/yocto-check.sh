@@ -44,6 +44,9 @@ if git rev-parse --git-dir >/dev/null 2>&1 &&
    [ "$(git rev-parse --is-shallow-repository)" = false ]; then
   git cat-file -e "$srcrev^{commit}" 2>/dev/null ||
     fail "SRCREV $srcrev is no commit of this project"
+  tag=v$(sed -n 's/^project(qel_util VERSION \([0-9.]*\) .*/\1/p' CMakeLists.txt)
+  ! tagged=$(git rev-parse -q --verify "$tag^{commit}") || [ "$tagged" = "$srcrev" ] ||
+    fail "SRCREV $srcrev is not the commit of the tag $tag ($tagged)"
 fi
 
 # Copies this tree without its build folders to $1.
@@ -97,14 +100,14 @@ inherit externalsrc
 EXTERNALSRC = "$work/src"
 EXTERNALSRC_BUILD = "\${WORKDIR}/build"
 EOF
-  cat > "$work/layers/meta-qel-util-local/conf/layer.conf" <<'EOF'
-BBPATH .= ":${LAYERDIR}"
-BBFILES += "${LAYERDIR}/recipes-*/*/*.bbappend"
+  cat > "$work/layers/meta-qel-util-local/conf/layer.conf" <<EOF
+BBPATH .= ":\${LAYERDIR}"
+BBFILES += "\${LAYERDIR}/recipes-*/*/*.bbappend"
 BBFILE_COLLECTIONS += "qel-util-local"
-BBFILE_PATTERN_qel-util-local = "^${LAYERDIR}/"
+BBFILE_PATTERN_qel-util-local = "^\${LAYERDIR}/"
 BBFILE_PRIORITY_qel-util-local = "7"
 LAYERDEPENDS_qel-util-local = "qel-util"
-LAYERSERIES_COMPAT_qel-util-local = "${LAYERSERIES_CORENAMES}"
+LAYERSERIES_COMPAT_qel-util-local = "$release"
 EOF
   # Offline; the fetched form of the recipe takes this repository.
   cat > "$work/build/conf/local.conf" <<EOF

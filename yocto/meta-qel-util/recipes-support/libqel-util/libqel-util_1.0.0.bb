@@ -10,9 +10,11 @@ LIC_FILES_CHKSUM = "file://LICENSE;md5=fbf805432eba6eda82dcefd54244243d"
 
 # The board (its distro or local.conf) names the library's repository, e.g.
 #   QEL_UTIL_GIT_URI = "git://git.example.com/libqel_util.git;protocol=https"
-# The tag is checked against SRCREV where the fetcher knows tags.
+# SRCREV is the commit of the tag v${PV}. (A tag parameter in SRC_URI would
+# be checked against it from whinlatter on, but scarthgap's fetcher takes it
+# for a second revision.)
 QEL_UTIL_GIT_URI ??= ""
-SRC_URI = "${QEL_UTIL_GIT_URI};nobranch=1;tag=v${PV};destsuffix=${BP} \
+SRC_URI = "${QEL_UTIL_GIT_URI};nobranch=1;destsuffix=${BP} \
            file://run-ptest"
 SRCREV = "788c7c65547f3c9209b9502828ee9df1d5989aff"
 
