@@ -404,4 +404,25 @@ for p in problems:
     print("yocto-check: " + p, file=sys.stderr)
 sys.exit(1 if problems else 0)
 PY
+# The ptest package's suite, installed as the recipe installs it, runs from
+# there through the layer's run-ptest as root and gives result lines and no
+# failure. An overlay on /usr in a private mount namespace stands in for the
+# device's root.
+ptest=/usr/lib/libqel-util/ptest
+{ cmake -S "$source_dir" -B "$scratch/ptest" -G Ninja -DCMAKE_INSTALL_PREFIX=/usr \
+    -DQEL_UTIL_INSTALL_TESTS=ON -DQEL_UTIL_TESTS_INSTALL_DIR=$ptest/tests &&
+  cmake --build "$scratch/ptest" -j2 &&
+  DESTDIR=$scratch/ptest-root cmake --install "$scratch/ptest"; } >"$scratch/ptest.log" 2>&1 ||
+  { tail -n 40 "$scratch/ptest.log" >&2; fail "the suite did not build for installing"; }
+install -m 0755 $layer/recipes-support/libqel-util/files/run-ptest \
+  "$scratch/ptest-root$ptest/run-ptest"
+unshare --mount --propagation private sh -c '
+  mount -t overlay overlay -o "lowerdir=$1/usr:/usr" /usr && exec sh "$2"' sh \
+  "$scratch/ptest-root" "$ptest/run-ptest" >"$scratch/ptest.out" 2>&1 || true
+results=$(grep -cE '^(PASS|FAIL|SKIP): ' "$scratch/ptest.out" || true)
+if [ "$results" -eq 0 ] || grep -q '^FAIL: ' "$scratch/ptest.out"; then
+  cat "$scratch/ptest.out" >&2
+  fail "run-ptest: the installed suite failed"
+fi
+echo "yocto-check: run-ptest: the installed suite gives $(grep -c '^PASS: ' "$scratch/ptest.out") PASS, $(grep -c '^SKIP: ' "$scratch/ptest.out" || true) SKIP, no FAIL"
 echo "yocto-check: all passed in $((SECONDS - start)) s"
