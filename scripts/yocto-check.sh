@@ -309,6 +309,17 @@ cmp -s "$work_a.so" "$work_b.so" ||
   fail "$library differs between builds in $work_a and $work_b"
 echo "yocto-check: $library is the same from two build folders"
 
+# OpenEmbedded's prefix maps hold: the debug information names the sources
+# where the -src package puts them (what the -dbg package's debugger reads),
+# and no build folder.
+debug_dir=/usr/src/debug/libqel-util/1.0.0
+arm-linux-gnueabihf-readelf --debug-dump=info,line "$work_a/build/$library" \
+  >"$scratch/debug.txt" 2>/dev/null
+grep -q "$debug_dir" "$scratch/debug.txt" && ! grep -q "$scratch" "$scratch/debug.txt" ||
+  fail "the debug information does not name the sources in $debug_dir:" \
+       "$(grep -m 3 'DW_AT_comp_dir\|DW_AT_name.*\.cpp' "$scratch/debug.txt")"
+echo "yocto-check: the debug information names the sources in $debug_dir"
+
 python3 - "$recipe" "$work_a/image" <<'PY'
 import glob, os, re, sys
 
