@@ -143,7 +143,19 @@ EOF
   echo "yocto-check: $release: bitbake -e libqel-util: no error or warning, builds $work/src"
 
   # yocto-check-layer adds the layer (and meta-oe) to a configuration of
-  # openembedded-core alone, and takes the recipe in its fetched form.
+  # openembedded-core alone, and takes the recipe in its fetched form. It
+  # computes the signatures of every task of the world several times (half
+  # an hour on two cores): a pass is remembered for the same layer on the
+  # same checkouts.
+  local stamp
+  stamp=$({ (cd "$layer" && find . -type f -print0 | sort -z | xargs -0 sha256sum)
+            find "$top/bitbake" "$top/openembedded-core" "$top/meta-openembedded" \
+              -type f -printf '%P %s %T@\n' | sort; } | sha256sum | cut -d' ' -f1)
+  if [ "$(cat "$work/check-layer.passed" 2>/dev/null)" = "$stamp" ]; then
+    echo "yocto-check: $release: yocto-check-layer passed before for this layer on these checkouts; not run again"
+    echo "yocto-check: $release: all BitBake checks passed in $((SECONDS - t0)) s"
+    return
+  fi
   printf 'BBPATH = "${TOPDIR}"\nBBLAYERS = "%s"\n' "$core" \
     > "$work/build/conf/bblayers.conf"
   chown $bitbake_user:$bitbake_user "$work/build/conf/bblayers.conf"
@@ -151,6 +163,7 @@ EOF
     --dependency "$oe" -- "$work/layers/meta-qel-util" >"$log" 2>&1 ||
     { tail -n 60 "$log" >&2; fail "$release: yocto-check-layer failed"; }
   grep -E 'INFO: (meta-qel-util|qel-util) .*PASS|INFO: Ran [0-9]+ tests' "$log" | sed "s/^/yocto-check: $release: /"
+  echo "$stamp" > "$work/check-layer.passed"
   echo "yocto-check: $release: all BitBake checks passed in $((SECONDS - t0)) s"
 }
 
@@ -167,6 +180,7 @@ if [ ${#releases[@]} -eq 0 ]; then
        "bitbake, openembedded-core and meta-openembedded in $cache/<release>/"
 else
   if [ ! -e "$cache/null" ]; then mknod -m 666 "$cache/null" c 1 3; fi
+  mkdir -p "$locale_dir"
   [ -e "$locale_dir/en_US.UTF-8" ] ||
     localedef -i en_US -f UTF-8 "$locale_dir/en_US.UTF-8"
   for release in "${releases[@]}"; do
