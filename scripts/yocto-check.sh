@@ -15,7 +15,11 @@
 #     Debian's cross compiler stands in for OpenEmbedded's;
 #   - every staged file lands in the package the recipe's FILES give it;
 #   - the build is reproducible: a second copy of the tree, in another
-#     folder and built in another folder, gives the same stripped library.
+#     folder and built in another folder, gives the same stripped library;
+#     its debug information names the sources where the -src package puts
+#     them;
+#   - the suite, installed as the ptest package installs it, passes through
+#     the layer's run-ptest, as root.
 #   scripts/yocto-check.sh [RELEASE...]   (default: every release cached)
 set -euo pipefail
 cd "$(dirname "$0")/.."
