@@ -238,8 +238,23 @@ sed -i 's/-DBUILD_TESTING=ON -DQEL_UTIL_INSTALL_TESTS=ON -DQEL_UTIL_TESTS_INSTAL
 grep -q 'BUILD_TESTING=OFF' "$oe_values" || fail "the recipe's ptest switches changed"
 echo "yocto-check: Debian's GCC 12 stands in for OpenEmbedded's, without -fcanon-prefix-map"
 
-# The recipe sysroot: the cross C library and what DEPENDS puts there
-# (nlohmann-json's headers and CMake package).
+# elfutils for the target (the tools' DEPENDS, for qel-crashdump) with the
+# libraries libdw links: Debian's armhf packages, unpacked, never installed.
+source scripts/lib/multiarch.sh
+dpkg --print-foreign-architectures | grep -qx armhf ||
+  "${as_root[@]}" dpkg --add-architecture armhf
+[ -n "$(offered_versions libc6 armhf)" ] || update_lists
+mkdir -p "$scratch/debs"
+chmod 777 "$scratch/debs"  # apt downloads as its own user
+(cd "$scratch/debs" && apt-get download libdw-dev:armhf libdw1:armhf \
+   libelf-dev:armhf libelf1:armhf zlib1g:armhf liblzma5:armhf \
+   libbz2-1.0:armhf libzstd1:armhf) >"$scratch/debs.log" 2>&1 ||
+  { cat "$scratch/debs.log" >&2; fail "elfutils for armhf could not be downloaded"; }
+for deb in "$scratch"/debs/*.deb; do dpkg-deb -x "$deb" "$scratch/elfutils"; done
+
+# The recipe sysroot, laid out as OpenEmbedded's (libraries in /usr/lib):
+# the cross C library and what DEPENDS puts there (nlohmann-json's headers
+# and CMake package, elfutils).
 sysroot_for() {
   local root=$1
   mkdir -p "$root/usr/share/cmake" "$root/usr/include"
@@ -248,6 +263,9 @@ sysroot_for() {
   ln -s usr/lib "$root/lib"
   cp -r /usr/include/nlohmann "$root/usr/include/"
   cp -r /usr/share/cmake/nlohmann_json "$root/usr/share/cmake/"
+  cp -r "$scratch/elfutils/usr/include/." "$root/usr/include/"
+  cp -a "$scratch/elfutils/usr/lib/arm-linux-gnueabihf/." \
+        "$scratch/elfutils/lib/arm-linux-gnueabihf/." "$root/usr/lib/"
 }
 
 # oe_build WORKDIR: configures, builds and installs WORKDIR/src in
@@ -310,6 +328,8 @@ for w in "$work_a" "$work_b"; do
 done
 grep -q -- "-G 'Ninja'" "$work_a/values" && [ -f "$work_a/build/build.ninja" ] ||
   fail "not built with Ninja"
+[ -x "$work_a/image/usr/bin/qel-crashdump" ] ||
+  fail "qel-crashdump was left out: no elfutils found in the recipe sysroot"
 grep -q -- '-D_TIME_BITS=64 -D_FILE_OFFSET_BITS=64' "$work_a/build/compile_commands.json" ||
   fail "the compile commands lack 64-bit time"
 # No build type: its flags (RelWithDebInfo's -O2 -g -DNDEBUG) would follow
