@@ -2,10 +2,14 @@
 # runs the armhf build that scripts/armhf.sh leaves beside this one.
 if(TARGET qel-devinfo)
   add_dependencies(devsim_test qel-devsim qel-devinfo qel-neighbour device_probe)
+  foreach(tool qel-devsim qel-devinfo qel-neighbour)
+    qel_test_file(${tool} ${CMAKE_INSTALL_FULL_BINDIR} ${tool})
+  endforeach()
+  qel_test_file(device_probe ${QEL_TEST_DIR} probe)
   target_compile_definitions(devsim_test PRIVATE
-    QEL_DEVSIM="$<TARGET_FILE:qel-devsim>"
-    QEL_DEVINFO="$<TARGET_FILE:qel-devinfo>"
-    QEL_NEIGHBOUR="$<TARGET_FILE:qel-neighbour>"
-    QEL_PROBE="$<TARGET_FILE:device_probe>"
+    QEL_DEVSIM="${qel-devsim}"
+    QEL_DEVINFO="${qel-devinfo}"
+    QEL_NEIGHBOUR="${qel-neighbour}"
+    QEL_PROBE="${probe}"
     QEL_ARMHF_BUILD="${PROJECT_SOURCE_DIR}/build-armhf")
 endif()
