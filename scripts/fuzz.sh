@@ -21,6 +21,14 @@ for fuzzer in "${fuzzers[@]}"; do
   corpus=build-fuzz/corpus/$name
   mkdir -p "$corpus"
   note "fuzzing $name for ${seconds}s"
-  (cd build-fuzz && "tests/fuzz/$fuzzer" -max_total_time="$seconds" \
-    -print_final_stats=1 "corpus/$name" "../tests/fuzz/seeds/$name")
+  # The library reports every bad input on standard error, hundreds of
+  # thousands of lines a run: kept in a log, shown when the fuzzer failed.
+  log=build-fuzz/$name.log
+  if ! (cd build-fuzz && "tests/fuzz/$fuzzer" -max_total_time="$seconds" \
+        -print_final_stats=1 "corpus/$name" "../tests/fuzz/seeds/$name") >"$log" 2>&1; then
+    grep -v '^# ' "$log" | tail -n 80 >&2
+    echo "fuzz: $name failed (its whole output: $log)" >&2
+    exit 1
+  fi
+  grep -E '^stat::(number_of_executed_units|new_units_added):' "$log" | sed 's/^/    /'
 done

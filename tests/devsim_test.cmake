@@ -1,5 +1,11 @@
 # The simulator runs the build's own tools and the probe; its armhf case
 # runs the armhf build that scripts/armhf.sh leaves beside this one.
+# An installed suite (a ptest package) has no armhf build beside it: the
+# case skips there.
+set(armhf_build ${PROJECT_SOURCE_DIR}/build-armhf)
+if(QEL_UTIL_INSTALL_TESTS)
+  set(armhf_build "")
+endif()
 if(TARGET qel-devinfo)
   add_dependencies(devsim_test qel-devsim qel-devinfo qel-neighbour device_probe)
   foreach(tool qel-devsim qel-devinfo qel-neighbour)
@@ -11,5 +17,5 @@ if(TARGET qel-devinfo)
     QEL_DEVINFO="${qel-devinfo}"
     QEL_NEIGHBOUR="${qel-neighbour}"
     QEL_PROBE="${probe}"
-    QEL_ARMHF_BUILD="${PROJECT_SOURCE_DIR}/build-armhf")
+    QEL_ARMHF_BUILD="${armhf_build}")
 endif()
